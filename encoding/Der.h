@@ -1,0 +1,24 @@
+// Minimal DER writing over byte vectors: enough for SubjectPublicKeyInfo.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace orvane {
+
+using Bytes = std::vector<unsigned char>;
+
+// Definite-form length: one byte below 128, else 0x80 + count followed by the big-endian count.
+Bytes derLength(size_t length);
+
+// INTEGER of a big-endian magnitude: 0x00 goes in front when the top bit is set;
+// leading zero bytes already present are kept.
+Bytes derInteger(const Bytes& magnitude);
+
+// tag, length, content.
+Bytes derWrap(unsigned char tag, const Bytes& content);
+
+// SubjectPublicKeyInfo (rsaEncryption, NULL parameters) for a modulus and exponent given as hex text.
+Bytes encodeRsaPublicKeyDer(const std::string& modulusHex, const std::string& exponentHex);
+
+}  // namespace orvane

@@ -1,0 +1,42 @@
+// The software token's cryptography. Everything here is done by libgcrypt; nothing of
+// libgcrypt shows outside this interface.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace softtoken::crypto {
+
+using Bytes = std::vector<unsigned char>;
+
+// Key pairs. The public key comes back in the token's form (bare modulus for RSA,
+// SubjectPublicKeyInfo for EC); the private key as hex of a canonical s-expression.
+int generateKeyPair(int keyType, Bytes& publicKey, std::string& privateKey);
+
+// RSA: PKCS#1 v1.5 over a bare digest, the DigestInfo chosen by the digest length.
+// EC: ECDSA, the signature as r || s, each padded to the curve size.
+int signDigest(int keyType, const std::string& privateKey, const Bytes& digest, Bytes& signature);
+
+// RSA decryption; OAEP (SHA-1) is tried first, then PKCS#1 v1.5.
+int decrypt(const std::string& privateKey, const Bytes& cipher, Bytes& plain);
+
+// Public-key operations from a DER SubjectPublicKeyInfo.
+int encrypt(const Bytes& publicKeyInfo, bool oaep, const Bytes& plain, Bytes& cipher);
+int verifyDigest(const Bytes& publicKeyInfo, const Bytes& digest, const Bytes& signature);
+
+// Hashes by token mechanism number (2 = SHA-1 ... 5 = SHA-512).
+void* hashOpen(int mechanism);
+void hashWrite(void* hash, const unsigned char* data, size_t length);
+size_t hashLength(void* hash);
+Bytes hashFinish(void* hash);  // also frees the hash
+
+// RFC 3394 unwrap; fails when the integrity check does not hold (wrong KEK).
+int unwrapKey(const Bytes& kek, const Bytes& wrapped, Bytes& key);
+
+// AES decryption without padding removal: CBC when an IV is given, else ECB.
+int decryptSymmetric(const Bytes& key, const Bytes& iv, const Bytes& cipher, Bytes& plain);
+
+void randomBytes(unsigned char* buffer, size_t length);
+Bytes randomBytes(size_t length);
+
+}  // namespace softtoken::crypto

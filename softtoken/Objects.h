@@ -1,0 +1,26 @@
+// Creating objects on a token: shared by the library operations (which need the PIN or a
+// sign-on) and the administration interface (which does not).
+#pragma once
+
+#include "softtoken/Store.h"
+
+namespace softtoken {
+
+struct Access {
+    bool administrative = false;
+    const char* pin = nullptr;  // checked unless administrative
+};
+
+// key carries type (0 = RSA 2048), usage, flag and label; receives id, index and public key.
+int addKeyPair(const char* serial, Access access, KeyPairRecord& key);
+// record carries der and optionally certLinkId and label; a missing link and label are
+// taken from the key pair with the same public key. linkedKeyId receives that key's id.
+int addCertificate(const char* serial, Access access, CertificateRecord& record, Bytes* linkedKeyId = nullptr);
+// secret carries type, value, flag and label; receives id, reference and index.
+int addSecretKey(const char* serial, Access access, SecretKeyRecord& secret);
+
+// A private-key operation may go ahead when the token is signed on, or the PIN is right
+// and not locked. Only orvane_validatePassword counts wrong tries.
+int authorise(const TokenRecord& token, const char* pin);
+
+}  // namespace softtoken

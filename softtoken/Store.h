@@ -1,0 +1,95 @@
+// The software token's persistent store: every token, key and injected fault, shared by
+// all processes that point at the same folder.
+//
+// Layout of the folder: "tokens.json" (the whole state), "generation" (a counter bumped on
+// every write, so a reader that has seen it already parses nothing) and "store.lock" (the
+// file lock that serialises writers across processes). Writes go to a temporary file that
+// then replaces the original, so a crash mid-update leaves the previous state intact.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace softtoken {
+
+using Bytes = std::vector<unsigned char>;
+
+struct KeyPairRecord {
+    int index = 0;
+    Bytes keyId;
+    std::string label;
+    int usage = 0;
+    int type = 0;
+    int flag = 0;
+    Bytes certLinkId;
+    Bytes publicKey;         // bare big-endian modulus (RSA) or DER SubjectPublicKeyInfo (EC)
+    std::string privateKey;  // libgcrypt canonical s-expression, hex
+};
+
+struct CertificateRecord {
+    int index = 0;
+    Bytes der;
+    Bytes certLinkId;
+    std::string label;
+};
+
+struct SecretKeyRecord {
+    int index = 0;
+    Bytes keyId;
+    Bytes reference;  // what the token hands out as OrvaneSymmetricKey::keyData
+    std::string label;
+    int type = 0;
+    bool flag = false;
+    Bytes value;
+};
+
+struct TokenRecord {
+    std::string serial;
+    std::string label;
+    std::string pin;
+    int maxRetries = 10;
+    int retriesLeft = 10;
+    int loginState = 0;
+    int ssoState = 0;
+    bool plugged = true;
+    int nextIndex = 1;
+    std::vector<KeyPairRecord> keyPairs;
+    std::vector<CertificateRecord> certificates;
+    std::vector<SecretKeyRecord> secretKeys;
+
+    bool signedOn() const { return loginState == 1 && ssoState == 1; }
+};
+
+struct FaultRecord {
+    int remaining = 0;
+    int code = 0;
+};
+
+struct StoreState {
+    uint64_t generation = 0;
+    std::vector<TokenRecord> tokens;  // in creation order, which is the connected-list order
+    std::map<std::string, FaultRecord> faults;
+
+    TokenRecord* find(const std::string& serial);
+    const TokenRecord* find(const std::string& serial) const;
+    // A token that exists and is plugged in.
+    const TokenRecord* connected(const char* serial) const;
+};
+
+// The folder named by ORVANE_TOKEN_STORE, else %ProgramData%\Orvane\SoftToken.
+std::string storeFolder();
+
+// Reads the current state. False (and an empty state) when the store is unreadable.
+bool readStore(StoreState& state);
+
+// Runs mutate on the freshest state under the cross-process lock and writes the result back
+// when mutate returns 0. Returns mutate's result, or a store error code.
+int updateStore(const std::function<int(StoreState&)>& mutate);
+
+// If a fault is armed for this operation, uses up one occurrence and returns its code; else 0.
+int consumeFault(const std::string& operation);
+
+}  // namespace softtoken
