@@ -2,6 +2,8 @@
 
 #include <gcrypt.h>
 
+#include <cstdarg>
+#include <cstdio>
 #include <memory>
 
 #include "encoding/Hex.h"
@@ -11,8 +13,16 @@
 namespace softtoken::crypto {
 namespace {
 
+// libgcrypt's Windows entropy gatherer notes that disk statistics are off; that is no
+// fault of ours, so informational lines are dropped and only real problems reach stderr.
+void logHandler(void*, int level, const char* format, va_list args) {
+    if (level == GCRY_LOG_INFO || level == GCRY_LOG_DEBUG) return;
+    std::vfprintf(stderr, format, args);
+}
+
 void initialiseOnce() {
     static const bool ready = [] {
+        gcry_set_log_handler(logHandler, nullptr);
         gcry_check_version(nullptr);
         gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
         gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
@@ -61,6 +71,13 @@ const char* curveName(int keyType) {
 }
 
 size_t curveBytes(int keyType) { return keyType == 5 ? 32 : keyType == 6 ? 48 : 66; }
+
+// ECDSA uses the leftmost bits of a digest longer than the curve order; libgcrypt does not
+// cut a raw value itself. P-256 and P-384 orders are whole bytes, and no digest exceeds P-521.
+Bytes ecdsaInput(int keyType, const Bytes& digest) {
+    size_t limit = curveBytes(keyType);
+    return digest.size() > limit ? Bytes(digest.begin(), digest.begin() + limit) : digest;
+}
 
 int rsaBits(int keyType) {
     switch (keyType) {
@@ -151,7 +168,8 @@ int signDigest(int keyType, const std::string& privateKey, const Bytes& digest, 
         gcry_sexp_build(&data, nullptr, "(data (flags pkcs1) (hash %s %b))", name, digestLength, digest.data());
     } else if (curveName(keyType)) {
         if (digest.empty()) return kBadArguments;
-        gcry_sexp_build(&data, nullptr, "(data (flags raw) (value %b))", digestLength, digest.data());
+        Bytes input = ecdsaInput(keyType, digest);
+        gcry_sexp_build(&data, nullptr, "(data (flags raw) (value %b))", static_cast<int>(input.size()), input.data());
     } else {
         return kUnsupported;
     }
@@ -219,7 +237,8 @@ int verifyDigest(const Bytes& publicKeyInfo, const Bytes& digest, const Bytes& s
     } else {
         size_t half = signature.size() / 2;
         if (signature.empty() || signature.size() % 2 != 0) return kSignatureInvalid;
-        gcry_sexp_build(&data, nullptr, "(data (flags raw) (value %b))", digestLength, digest.data());
+        Bytes input = ecdsaInput(info.keyType, digest);
+        gcry_sexp_build(&data, nullptr, "(data (flags raw) (value %b))", static_cast<int>(input.size()), input.data());
         gcry_sexp_build(&sig, nullptr, "(sig-val (ecdsa (r %b) (s %b)))", static_cast<int>(half), signature.data(),
                         static_cast<int>(half), signature.data() + half);
     }

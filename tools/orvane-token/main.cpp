@@ -1,6 +1,9 @@
 // orvane-token: provisions software tokens (create, PIN, sign-on, plug, keys, certificates,
 // secret keys, faults). It works on the store named by ORVANE_TOKEN_STORE, like every other
 // process that loads the software token. File arguments may be Unix paths (/x/y is Z:\x\y).
+#include <fcntl.h>
+#include <io.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -138,5 +141,7 @@ int run(const Arguments& a) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Plain \n line ends, so that scripts capturing a key id get exactly the id.
+    _setmode(_fileno(stdout), _O_BINARY);
     return run(parse(argc, argv));
 }

@@ -1,0 +1,45 @@
+#!/bin/sh
+# The main job: build everything, provision a demo software token (keys and a certificate
+# issued by a demo CA), and use the provider through CryptoAPI under Wine.
+set -eu
+cd "$(dirname "$0")/.."
+root=$(pwd)
+sh scripts/setup.sh
+cmake --preset mingw
+cmake --build --preset mingw
+
+demo="$root/build/demo"
+rm -rf "$demo"
+mkdir -p "$demo/store"
+export WINEDEBUG=-all
+export WINEPREFIX="$demo/prefix"
+export ORVANE_TOKEN_STORE="$(echo "Z:$demo/store" | tr / '\\')"
+tool() { wine "$root/build/bin/orvane-token.exe" "$@"; }
+step() { printf '\n== %s\n' "$*"; }
+
+step "Creating a Wine prefix with the provider registered"
+sh scripts/wine-prefix.sh setup "$WINEPREFIX" "$root/build/bin"
+
+step "Provisioning software token DEMO-0001 (PIN 1234) in $demo/store"
+tool create DEMO-0001 --label "Orvane Demo Token" --pin 1234 --retries 10
+signing_key=$(tool genkey DEMO-0001 rsa2048 --label "Demo signing key" --usage 3)
+ec_key=$(tool genkey DEMO-0001 p256 --label "Demo EC key" --usage 3)
+echo "RSA-2048 key pair $signing_key"
+echo "P-256 key pair    $ec_key"
+tool import-secret DEMO-0001 aes256 "$(openssl rand -hex 32)" --label "Demo KEK" >/dev/null
+
+step "Issuing certificates for the token keys from a demo CA (OpenSSL on the host)"
+cd "$demo"
+openssl req -x509 -new -newkey rsa:2048 -nodes -keyout ca.key -subj "/CN=Orvane Demo CA" -days 365 -out ca.pem 2>/dev/null
+for key in "$signing_key" "$ec_key"; do
+    tool export-pub DEMO-0001 "$key" "$demo/$key.pub.der"
+    openssl x509 -new -subj "/CN=Orvane Demo $key" -force_pubkey "$key.pub.der" -CA ca.pem -CAkey ca.key \
+        -days 365 -outform DER -out "$key.cert.der"
+    echo "certificate for $key linked to key pair $(tool import-cert DEMO-0001 "$demo/$key.cert.der")"
+done
+cd "$root"
+
+step "Token contents"
+tool list
+
+wineserver -w

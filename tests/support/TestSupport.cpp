@@ -1,0 +1,141 @@
+#include "tests/support/TestSupport.h"
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace orvanetest {
+namespace {
+
+std::string environment(const char* name) {
+    char buffer[4096];
+    DWORD length = GetEnvironmentVariableA(name, buffer, sizeof buffer);
+    if (length == 0 || length >= sizeof buffer) throw std::runtime_error(std::string("test environment lacks ") + name);
+    return std::string(buffer, length);
+}
+
+std::string moduleBaseName() {
+    char path[MAX_PATH];
+    DWORD length = GetModuleFileNameA(nullptr, path, sizeof path);
+    std::string name(path, length);
+    size_t slash = name.find_last_of("\\/");
+    if (slash != std::string::npos) name.erase(0, slash + 1);
+    size_t dot = name.rfind('.');
+    if (dot != std::string::npos) name.erase(dot);
+    return name;
+}
+
+bool exists(const std::string& unixPath) {
+    return GetFileAttributesA(windowsPath(unixPath).c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+void makeFolders(const std::string& unixPath) {
+    std::string path;
+    for (size_t i = 1; i <= unixPath.size(); ++i)
+        if (i == unixPath.size() || unixPath[i] == '/') CreateDirectoryA(windowsPath(unixPath.substr(0, i)).c_str(), nullptr);
+}
+
+}  // namespace
+
+std::string workDir() {
+    static const std::string folder = [] {
+        std::string path = environment("ORVANE_TEST_WORK") + "/" + moduleBaseName();
+        makeFolders(path);
+        return path;
+    }();
+    return folder;
+}
+
+std::string windowsPath(const std::string& unixPath) {
+    std::string path = "Z:" + unixPath;
+    for (char& c : path)
+        if (c == '/') c = '\\';
+    return path;
+}
+
+void writeFile(const std::string& unixPath, const Bytes& bytes) {
+    std::ofstream file(windowsPath(unixPath), std::ios::binary | std::ios::trunc);
+    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    if (!file) throw std::runtime_error("cannot write " + unixPath);
+}
+
+void writeText(const std::string& unixPath, const std::string& text) { writeFile(unixPath, bytesOf(text)); }
+
+Bytes readFile(const std::string& unixPath) {
+    std::ifstream file(windowsPath(unixPath), std::ios::binary);
+    if (!file) return {};
+    return Bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+}
+
+Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }
+
+HostResult runHost(const std::string& script) {
+    static std::atomic<int> counter{0};
+    std::string stem = workDir() + "/host-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++counter);
+    // Wine reuses process ids between runs: never mistake an old result for this one.
+    for (const char* suffix : {".rc", ".out", ".rc.tmp"}) DeleteFileA(windowsPath(stem + suffix).c_str());
+    writeText(stem + ".sh", "cd '" + workDir() + "'\n( " + script + "\n) > '" + stem + ".out' 2>&1\n" +
+                                "echo $? > '" + stem + ".rc.tmp' && mv '" + stem + ".rc.tmp' '" + stem + ".rc'\n");
+    std::string command = "/bin/sh " + stem + ".sh";
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    if (!CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
+        throw std::runtime_error("cannot start /bin/sh on the host");
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+
+    HostResult result;
+    for (int waited = 0; waited < 120000 && !exists(stem + ".rc"); waited += 10) Sleep(10);
+    Bytes code = readFile(stem + ".rc");
+    Bytes output = readFile(stem + ".out");
+    result.output.assign(output.begin(), output.end());
+    if (!code.empty()) result.exitCode = std::atoi(std::string(code.begin(), code.end()).c_str());
+    return result;
+}
+
+int runTool(const std::string& arguments, std::string* output) {
+    std::string command = "\"" + windowsPath(environment("ORVANE_BIN")) + "\\orvane-token.exe\" " + arguments;
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    HANDLE readEnd = nullptr, writeEnd = nullptr;
+    CreatePipe(&readEnd, &writeEnd, &inherit, 0);
+    SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = writeEnd;
+    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    PROCESS_INFORMATION process{};
+    BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
+    CloseHandle(writeEnd);
+    if (!started) {
+        CloseHandle(readEnd);
+        return -1;
+    }
+    std::string text;
+    char buffer[4096];
+    DWORD got = 0;
+    while (ReadFile(readEnd, buffer, sizeof buffer, &got, nullptr) && got > 0) text.append(buffer, got);
+    CloseHandle(readEnd);
+    WaitForSingleObject(process.hProcess, INFINITE);
+    DWORD exitCode = 0;
+    GetExitCodeProcess(process.hProcess, &exitCode);
+    CloseHandle(process.hProcess);
+    CloseHandle(process.hThread);
+    if (output) *output = text;
+    return static_cast<int>(exitCode);
+}
+
+std::string useFreshStore(const std::string& name) {
+    std::string folder = workDir() + "/stores/" + name;
+    runHost("rm -rf '" + folder + "' && mkdir -p '" + folder + "'");
+    SetEnvironmentVariableA("ORVANE_TOKEN_STORE", windowsPath(folder).c_str());
+    return folder;
+}
+
+}  // namespace orvanetest
