@@ -147,6 +147,8 @@ int clearFaults() {
     });
 }
 
+int callCount(const std::string& operation) { return softtoken::callCount(operation); }
+
 std::string describe() {
     StoreState state;
     if (!readStore(state)) return "{\"error\": \"store unreadable\"}";

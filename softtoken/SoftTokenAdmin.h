@@ -39,6 +39,8 @@ ORVANE_DSC_API int exportPublicKey(const std::string& serial, const std::string&
 // fail with `code`; count 0 disarms it.
 ORVANE_DSC_API int injectFault(const std::string& operation, int count, int code);
 ORVANE_DSC_API int clearFaults();
+// How often this process has called a library operation so far.
+ORVANE_DSC_API int callCount(const std::string& operation);
 
 // A readable JSON description of every token, without PINs or private keys.
 ORVANE_DSC_API std::string describe();

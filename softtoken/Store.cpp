@@ -276,7 +276,24 @@ int updateStore(const std::function<int(StoreState&)>& mutate) {
     return kOk;
 }
 
+namespace {
+
+std::mutex callCountMutex;
+std::map<std::string, int> callCounts;
+
+}  // namespace
+
+int callCount(const std::string& operation) {
+    std::lock_guard<std::mutex> guard(callCountMutex);
+    auto found = callCounts.find(operation);
+    return found == callCounts.end() ? 0 : found->second;
+}
+
 int consumeFault(const std::string& operation) {
+    {
+        std::lock_guard<std::mutex> guard(callCountMutex);
+        ++callCounts[operation];
+    }
     StoreState state;
     readStore(state);
     auto armed = state.faults.find(operation);

@@ -89,7 +89,9 @@ bool readStore(StoreState& state);
 // when mutate returns 0. Returns mutate's result, or a store error code.
 int updateStore(const std::function<int(StoreState&)>& mutate);
 
-// If a fault is armed for this operation, uses up one occurrence and returns its code; else 0.
+// Every library operation calls this first. It counts the call (per process) and, if a fault
+// is armed for the operation, uses up one occurrence and returns its code; else 0.
 int consumeFault(const std::string& operation);
+int callCount(const std::string& operation);
 
 }  // namespace softtoken

@@ -10,8 +10,6 @@ BOOL notSupported() {
 
 }  // namespace
 
-BOOL WINAPI CPAcquireContext(HCRYPTPROV*, LPCSTR, DWORD, VTableProvStruc*) { return notSupported(); }
-BOOL WINAPI CPReleaseContext(HCRYPTPROV, DWORD) { return notSupported(); }
 BOOL WINAPI CPGenKey(HCRYPTPROV, ALG_ID, DWORD, HCRYPTKEY*) { return notSupported(); }
 BOOL WINAPI CPDeriveKey(HCRYPTPROV, ALG_ID, HCRYPTHASH, DWORD, HCRYPTKEY*) { return notSupported(); }
 BOOL WINAPI CPDestroyKey(HCRYPTPROV, HCRYPTKEY) { return notSupported(); }

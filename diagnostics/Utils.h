@@ -1,0 +1,18 @@
+// The diagnostic log: one file per process and day under %TEMP%\Kestrelon\<process>\,
+// written at the level set by the registry value HKLM\Software\Kestrelon\Orvane\logLevel,
+// which is read again for every line so logging can be switched while a host runs.
+#pragma once
+
+#include <string>
+
+class Utils {
+public:
+    enum Level { kException = 1, kError = 2, kDebug = 3 };
+
+    // Progress lines ("DEBUG ::=>"): written only when logLevel is exactly 3.
+    static void logMessage(std::string message);
+    // Failure lines ("ERROR ::=>"): written unless logLevel is 0 or 1; also when it is unset.
+    static void logError(std::string message);
+    // Appends one line; never fails the caller.
+    static void writeLine(int level, const std::string& message);
+};

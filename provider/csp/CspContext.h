@@ -1,0 +1,33 @@
+// The record behind an HCRYPTPROV: the token (by serial number) and, optionally, the
+// container (key pair) that the handle works on.
+#pragma once
+
+#include <windows.h>
+#include <wincrypt.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace orvane::csp {
+
+struct CspContext {
+    uint64_t reserved = 0;
+    std::string serialNumber;
+    void* libraryContext = nullptr;  // handed to every token library call; never set
+    std::string containerName;       // as given to CPAcquireContext; empty when none
+    bool isInitialized = false;
+    uint64_t clientHwnd = 0;
+    uint32_t keysetType = 0;
+    uint32_t algEnumIndex = 0;
+    uint64_t containerEnumIndex = 0;
+    std::vector<std::string> containerNames;  // hex key ids of the token's key pairs at acquire time
+};
+
+// The context behind a handle, or null for a null or not yet initialised one.
+inline CspContext* contextFromHandle(HCRYPTPROV handle) {
+    CspContext* context = reinterpret_cast<CspContext*>(handle);
+    return context != nullptr && context->isInitialized ? context : nullptr;
+}
+
+}  // namespace orvane::csp

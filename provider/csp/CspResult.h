@@ -1,0 +1,34 @@
+// How a CSP entry point reports: FALSE with the reason in the thread's last error.
+// Nothing thrown inside an entry point may reach the caller's process.
+#pragma once
+
+#include <windows.h>
+
+#include <exception>
+#include <new>
+#include <string>
+
+#include "diagnostics/Utils.h"
+
+namespace orvane::csp {
+
+inline BOOL failWith(DWORD lastError) {
+    SetLastError(lastError);
+    return FALSE;
+}
+
+inline BOOL failWith(HRESULT lastError) { return failWith(static_cast<DWORD>(lastError)); }
+
+template <typename Body>
+BOOL guardEntry(const char* entryName, Body&& body) {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return failWith(NTE_NO_MEMORY);
+    } catch (const std::exception& error) {
+        Utils::logError(std::string(entryName) + " : unexpected failure : " + error.what());
+        return failWith(NTE_FAIL);
+    }
+}
+
+}  // namespace orvane::csp

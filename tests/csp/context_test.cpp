@@ -1,0 +1,173 @@
+// Opening and closing provider contexts, through Wine's own advapi32 where it passes the
+// call on unchanged, and through the exports where advapi32 would get in the way.
+#include <windows.h>
+#include <wincrypt.h>
+
+#include <gtest/gtest.h>
+
+#include "provider/csp/CspContext.h"
+#include "provider/csp/CspInterface.h"
+#include "softtoken/SoftTokenAdmin.h"
+#include "tests/support/ProviderSupport.h"
+#include "tests/support/TestSupport.h"
+
+using namespace orvanetest;
+namespace admin = softtoken::admin;
+using orvane::csp::CspContext;
+
+namespace {
+
+const DWORD kNoUsableToken = 0x80090023;
+
+bool acquire(HCRYPTPROV& provider, const char* container, DWORD flags = 0) {
+    return CryptAcquireContextA(&provider, container, kProviderName, PROV_RSA_FULL, flags) != FALSE;
+}
+
+// The provider's own record, from a direct call of the export.
+CspContext* acquireDirect(const char* container) {
+    auto acquireExport = providerFunction<decltype(&CPAcquireContext)>("CPAcquireContext");
+    VTableProvStruc table{};
+    HCRYPTPROV handle = 0;
+    if (!acquireExport(&handle, container, 0, &table)) return nullptr;
+    return reinterpret_cast<CspContext*>(handle);
+}
+
+void releaseDirect(CspContext* context) {
+    providerFunction<decltype(&CPReleaseContext)>("CPReleaseContext")(reinterpret_cast<HCRYPTPROV>(context), 0);
+}
+
+std::string newKey(const std::string& serial) {
+    std::string keyId;
+    EXPECT_EQ(0, admin::generateKeyPair(serial, 5, "", 3, 0, keyId));
+    return keyId;
+}
+
+TEST(CspAcquireContext, WithoutATokenFailsAndLogsWhy) {
+    useFreshStore("none");
+    std::string before = readProviderLog();
+    HCRYPTPROV provider = 0;
+    EXPECT_FALSE(acquire(provider, nullptr));
+    EXPECT_EQ(kNoUsableToken, GetLastError());
+    std::string written = logSince(before);
+    EXPECT_NE(std::string::npos, written.find("->DEBUG ::=>CPAcquireContext\n"));
+    EXPECT_NE(std::string::npos, written.find("->ERROR ::=>Valid token not connected\n")) << written;
+}
+
+TEST(CspAcquireContext, ChoosesTheTokenThatHoldsTheContainer) {
+    useFreshStore("choose");
+    ASSERT_EQ(0, admin::createToken("CHOOSE-A", "A", "1234", 5));
+    ASSERT_EQ(0, admin::createToken("CHOOSE-B", "B", "1234", 5));
+    ASSERT_EQ(0, admin::createToken("CHOOSE-EMPTY", "Empty", "1234", 5));
+    std::string a1 = newKey("CHOOSE-A"), a2 = newKey("CHOOSE-A"), b1 = newKey("CHOOSE-B");
+    std::string lowerB1 = b1;
+    for (char& c : lowerB1) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+
+    CspContext* context = acquireDirect(nullptr);
+    ASSERT_NE(nullptr, context);
+    EXPECT_EQ("CHOOSE-A", context->serialNumber);
+    EXPECT_EQ("", context->containerName);
+    EXPECT_EQ((std::vector<std::string>{a1, a2}), context->containerNames);
+    EXPECT_EQ(0x1000u, context->keysetType);
+    releaseDirect(context);
+
+    context = acquireDirect(lowerB1.c_str());
+    ASSERT_NE(nullptr, context);
+    EXPECT_EQ("CHOOSE-B", context->serialNumber);
+    EXPECT_EQ(lowerB1, context->containerName) << "kept as given";
+    EXPECT_EQ(std::vector<std::string>{b1}, context->containerNames);
+    releaseDirect(context);
+
+    context = acquireDirect("0123456789ABCDEF0123456789ABCDEF");
+    ASSERT_NE(nullptr, context) << "an unknown container still opens the first token";
+    EXPECT_EQ("CHOOSE-A", context->serialNumber);
+    releaseDirect(context);
+
+    // A token without key pairs: reached by unplugging the others.
+    ASSERT_EQ(0, admin::setPlugged("CHOOSE-A", false));
+    ASSERT_EQ(0, admin::setPlugged("CHOOSE-B", false));
+    std::string before = readProviderLog();
+    HCRYPTPROV provider = 0;
+    ASSERT_TRUE(acquire(provider, nullptr, CRYPT_DELETEKEYSET)) << "no flag changes the behaviour";
+    EXPECT_NE(std::string::npos, logSince(before).find("->DEBUG ::=>Acquire Context :: Key List is empty\n"));
+}
+
+TEST(CspAcquireContext, InitialisesEachTokenOncePerProcessAndRetriesAFailedOne) {
+    useFreshStore("once");
+    ASSERT_EQ(0, admin::createToken("ONCE-1", "Fails first", "1234", 5));
+    ASSERT_EQ(0, admin::createToken("ONCE-2", "Once", "1234", 5));
+    int calls = admin::callCount("orvane_initDevice");
+
+    // ONCE-1 fails to initialise, which does not fail the acquire; ONCE-2 initialises.
+    ASSERT_EQ(0, admin::injectFault("orvane_initDevice", 1, 31));
+    std::string before = readProviderLog();
+    HCRYPTPROV provider = 0;
+    ASSERT_TRUE(acquire(provider, nullptr));
+    EXPECT_EQ(calls + 2, admin::callCount("orvane_initDevice"));
+    EXPECT_NE(std::string::npos, logSince(before).find("->ERROR ::=>Init device failed for ONCE-1 : 31\n"));
+    ASSERT_TRUE(CryptReleaseContext(provider, 0));
+
+    ASSERT_TRUE(acquire(provider, nullptr));
+    EXPECT_EQ(calls + 3, admin::callCount("orvane_initDevice")) << "only the failed token is tried again";
+    ASSERT_TRUE(CryptReleaseContext(provider, 0));
+
+    // advapi32 frees the provider library after each release: its sessions must survive that.
+    ASSERT_TRUE(acquire(provider, nullptr));
+    EXPECT_EQ(calls + 3, admin::callCount("orvane_initDevice"));
+    ASSERT_TRUE(CryptReleaseContext(provider, 0));
+}
+
+TEST(CspReleaseContext, RefusesFlagsAndBadHandlesAndKeepsTheContext) {
+    useFreshStore("release");
+    ASSERT_EQ(0, admin::createToken("REL-1", "Release", "1234", 5));
+    auto release = providerFunction<decltype(&CPReleaseContext)>("CPReleaseContext");
+    auto acquireExport = providerFunction<decltype(&CPAcquireContext)>("CPAcquireContext");
+
+    CspContext* context = acquireDirect(nullptr);
+    ASSERT_NE(nullptr, context);
+    SetLastError(0);
+    EXPECT_FALSE(release(reinterpret_cast<HCRYPTPROV>(context), 1));
+    EXPECT_EQ(static_cast<DWORD>(NTE_BAD_FLAGS), GetLastError());
+    EXPECT_TRUE(context->isInitialized) << "still usable";
+    EXPECT_FALSE(release(0, 0));
+    EXPECT_EQ(static_cast<DWORD>(NTE_BAD_UID), GetLastError());
+    EXPECT_TRUE(release(reinterpret_cast<HCRYPTPROV>(context), 0));
+
+    HCRYPTPROV handle = 0;
+    VTableProvStruc table{};
+    EXPECT_FALSE(acquireExport(nullptr, nullptr, 0, &table));
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), GetLastError());
+    EXPECT_FALSE(acquireExport(&handle, nullptr, 0, nullptr));
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), GetLastError());
+    EXPECT_EQ(0u, handle);
+}
+
+TEST(DeviceMonitor, ForgetsAnUnpluggedTokenAndInitialisesItAgainWhenBack) {
+    useFreshStore("monitor");
+    ASSERT_EQ(0, admin::createToken("MON-1", "Monitor", "1234", 5));
+    HCRYPTPROV provider = 0;
+    ASSERT_TRUE(acquire(provider, nullptr));
+    ASSERT_TRUE(CryptReleaseContext(provider, 0));
+    int calls = admin::callCount("orvane_initDevice");
+
+    std::string before = readProviderLog();
+    ASSERT_EQ(0, runTool("unplug MON-1"));
+    DWORD start = GetTickCount();
+    bool seen = false;
+    while (!seen && GetTickCount() - start < 2500) {
+        Sleep(50);
+        seen = logSince(before).find("->DEBUG ::=>Device disconnected: MON-1\n") != std::string::npos;
+    }
+    EXPECT_TRUE(seen) << "within about two seconds";
+
+    ASSERT_EQ(0, runTool("plug MON-1"));
+    ASSERT_TRUE(acquire(provider, nullptr));
+    EXPECT_EQ(calls + 1, admin::callCount("orvane_initDevice"));
+    ASSERT_TRUE(CryptReleaseContext(provider, 0));
+
+    before = readProviderLog();
+    ASSERT_TRUE(acquire(provider, nullptr));
+    EXPECT_NE(std::string::npos, logSince(before).find("Monitor thread already running, not starting again."));
+    ASSERT_TRUE(CryptReleaseContext(provider, 0));
+}
+
+}  // namespace

@@ -1,0 +1,73 @@
+#include "token/DeviceMonitor.h"
+
+#include <windows.h>
+
+#include <atomic>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "diagnostics/Utils.h"
+#include "token/OrvaneDSCLibrary.h"
+#include "token/Sessions.h"
+
+namespace orvane {
+namespace {
+
+std::atomic<bool> monitorRunning{false};
+std::atomic<bool> monitorStopRequested{false};
+// Heap-held so that no joinable std::thread is ever destroyed at process exit.
+std::thread* monitorThread = nullptr;
+
+const DWORD kPollMilliseconds = 1000;
+
+void monitorLoop() {
+    Utils::logMessage("Device monitor thread started.");
+    while (!monitorStopRequested.load()) {
+        std::vector<std::string> serials = orvane_getConnectedDeviceList(false, nullptr);
+        std::set<std::string> connected(serials.begin(), serials.end());
+        for (const std::string& serial : removeSessionsExcept(connected))
+            Utils::logMessage("Device disconnected: " + serial);
+        Sleep(kPollMilliseconds);
+    }
+    Utils::logMessage("Device monitor thread stopped.");
+}
+
+void keepModuleLoaded() {
+    HMODULE self = nullptr;
+    GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                       reinterpret_cast<LPCSTR>(&monitorLoop), &self);
+}
+
+}  // namespace
+
+void startDeviceMonitor() {
+    if (monitorRunning.exchange(true)) {
+        Utils::logMessage("Monitor thread already running, not starting again.");
+        return;
+    }
+    monitorStopRequested.store(false);
+    keepModuleLoaded();
+    monitorThread = new std::thread(monitorLoop);
+    Utils::logMessage("Monitor thread started (startDeviceMonitor).");
+}
+
+void stopDeviceMonitor() {
+    monitorStopRequested.store(true);
+    if (monitorThread != nullptr && monitorThread->joinable() && monitorThread->get_id() != std::this_thread::get_id()) {
+        monitorThread->join();
+        delete monitorThread;
+        monitorThread = nullptr;
+        Utils::logMessage("Monitor thread joined (stopDeviceMonitor).");
+    }
+    monitorRunning.store(false);
+}
+
+void abandonDeviceMonitor() {
+    monitorStopRequested.store(true);
+    if (monitorThread != nullptr && monitorThread->joinable()) monitorThread->detach();
+    monitorRunning.store(false);
+}
+
+}  // namespace orvane

@@ -1,0 +1,130 @@
+#include "token/Sessions.h"
+
+#include <map>
+#include <mutex>
+
+#include "diagnostics/Utils.h"
+#include "encoding/Hex.h"
+#include "token/DeviceMonitor.h"
+#include "token/OrvaneDSCLibrary.h"
+
+namespace orvane {
+namespace {
+
+std::mutex sessionMutex;
+std::map<std::string, DeviceSession> sessions;
+
+bool equalIgnoringCase(const std::string& a, const std::string& b) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        char x = a[i], y = b[i];
+        if (x >= 'a' && x <= 'z') x = static_cast<char>(x - 'a' + 'A');
+        if (y >= 'a' && y <= 'z') y = static_cast<char>(y - 'a' + 'A');
+        if (x != y) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+const DeviceInitTexts kCspDeviceInitTexts = {"Valid token not connected", "Init device failed for "};
+const DeviceInitTexts kKspDeviceInitTexts = {"KSP: No valid token connected", "KSP: Init device failed for "};
+
+bool isDeviceInitialized(const std::string& serial) {
+    std::lock_guard<std::mutex> lock(sessionMutex);
+    auto entry = sessions.find(serial);
+    return entry != sessions.end() && entry->second.deviceInitialized;
+}
+
+void markDeviceInitialized(const std::string& serial) {
+    std::lock_guard<std::mutex> lock(sessionMutex);
+    sessions[serial].deviceInitialized = true;
+}
+
+bool isPinValidated(const std::string& serial) {
+    std::lock_guard<std::mutex> lock(sessionMutex);
+    auto entry = sessions.find(serial);
+    return entry != sessions.end() && entry->second.pinValidated;
+}
+
+std::string getCachedPin(const std::string& serial) {
+    std::lock_guard<std::mutex> lock(sessionMutex);
+    auto entry = sessions.find(serial);
+    return entry != sessions.end() ? entry->second.pin : std::string();
+}
+
+void storeValidatedPin(const std::string& serial, const std::string& pin) {
+    std::lock_guard<std::mutex> lock(sessionMutex);
+    DeviceSession& session = sessions[serial];
+    if (&session.pin != &pin) session.pin = pin;
+    session.pinValidated = true;
+}
+
+void clearPin(const std::string& serial) {
+    std::lock_guard<std::mutex> lock(sessionMutex);
+    auto entry = sessions.find(serial);
+    if (entry == sessions.end()) return;
+    entry->second.pinValidated = false;
+    entry->second.pin.clear();
+}
+
+void removeSession(const std::string& serial) {
+    std::lock_guard<std::mutex> lock(sessionMutex);
+    sessions.erase(serial);
+}
+
+std::vector<std::string> removeSessionsExcept(const std::set<std::string>& connected) {
+    std::vector<std::string> removed;
+    std::lock_guard<std::mutex> lock(sessionMutex);
+    for (auto entry = sessions.begin(); entry != sessions.end();) {
+        if (connected.count(entry->first) == 0) {
+            removed.push_back(entry->first);
+            entry = sessions.erase(entry);
+        } else {
+            ++entry;
+        }
+    }
+    return removed;
+}
+
+bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& texts) {
+    orvane_init(0, nullptr, 2);
+    startDeviceMonitor();
+    std::vector<std::string> serials = orvane_getConnectedDeviceList(false, libraryContext);
+    if (serials.empty()) {
+        Utils::logError(texts.noToken);
+        return false;
+    }
+    for (const std::string& serial : serials) {
+        if (isDeviceInitialized(serial)) continue;
+        orvane_init(0, nullptr, 2);
+        int result = orvane_initDevice(serial.c_str(), false, libraryContext);
+        if (result != 0) {
+            Utils::logError(texts.initFailedFor + serial + " : " + std::to_string(result));
+            continue;
+        }
+        markDeviceInitialized(serial);
+    }
+    return true;
+}
+
+std::string findSerialForContainer(const std::string& containerName) {
+    std::vector<std::string> serials = orvane_getConnectedDeviceList(false, nullptr);
+    if (serials.empty()) return std::string();
+    if (containerName.empty()) return serials.front();
+    for (const std::string& serial : serials) {
+        std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(serial.c_str(), nullptr);
+        for (const OrvaneKeyPair& keyPair : keyPairs)
+            if (equalIgnoringCase(toHex(keyPair.keyId, sizeof keyPair.keyId), containerName)) return serial;
+    }
+    return serials.front();
+}
+
+std::string findSerialForContainer(const std::wstring& keyName) {
+    std::string narrow;
+    narrow.reserve(keyName.size());
+    for (wchar_t unit : keyName) narrow.push_back(static_cast<char>(unit & 0xFF));
+    return findSerialForContainer(narrow);
+}
+
+}  // namespace orvane
