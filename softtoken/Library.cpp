@@ -353,11 +353,15 @@ ORVANE_DSC_API int orvane_encrypt(EncryptionType, PaddingMode padding, const uns
     if (plain == nullptr || plainLength < 0 || publicKey == nullptr || publicKeyLength <= 0 ||
         (padding != PADDING_PKCS1 && padding != PADDING_OAEP))
         return kBadArguments;
+    if (cipher == nullptr || cipherLength == nullptr) return kBadArguments;
     Bytes result;
     if (int failed = crypto::encrypt(Bytes(publicKey, publicKey + publicKeyLength), padding == PADDING_OAEP,
                                      Bytes(plain, plain + plainLength), result))
         return failed;
-    return copyOut(result, cipher, cipherLength);
+    // *cipherLength is output only: the caller provides a buffer of the modulus size.
+    std::memcpy(cipher, result.data(), result.size());
+    *cipherLength = static_cast<int>(result.size());
+    return kOk;
 }
 
 ORVANE_DSC_API int orvane_verifySignatureHash(unsigned int, const char*, const unsigned char* hash, int hashLength,

@@ -208,7 +208,7 @@ ORVANE_DSC_API int orvane_decrypt_aes(const char* serialNumber, const unsigned c
                                       int* unwrappedLength, bool kekFlag, const unsigned char* iv, int ivLength,
                                       void* ctx);
 
-// Public-key operations
+// Public-key operations. orvane_encrypt writes a modulus-sized ciphertext; *cipherLength is output only.
 ORVANE_DSC_API int orvane_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* plain,
                                   int plainLength, unsigned char* cipher, int* cipherLength,
                                   const unsigned char* publicKey, int publicKeyLength, void* ctx);

@@ -1,0 +1,190 @@
+// CPSignHash and CPVerifySignature. The token signs the bare digest; signatures are
+// big-endian at the token and little-endian for CryptoAPI, so both directions reverse them.
+#include <cstring>
+#include <vector>
+
+#include "diagnostics/Utils.h"
+#include "encoding/Hex.h"
+#include "encoding/PublicKeyForm.h"
+#include "provider/csp/CspBuffers.h"
+#include "provider/csp/CspContext.h"
+#include "provider/csp/CspInterface.h"
+#include "provider/csp/CspKey.h"
+#include "provider/csp/CspResult.h"
+#include "provider/csp/HashContext.h"
+#include "token/OrvaneDSCLibrary.h"
+#include "token/Pin.h"
+
+using namespace orvane;
+using namespace orvane::csp;
+
+namespace {
+
+bool signsOrVerifies(const OrvaneKeyPair& keyPair) { return keyPair.keyUsage == 1 || keyPair.keyUsage == 3; }
+
+std::string keyIdText(const OrvaneKeyPair& keyPair) { return toHex(keyPair.keyId, sizeof keyPair.keyId); }
+
+// Size answered to a size query, by the key type that the key choice put in `mechanism`.
+DWORD signatureSize(uint32_t keyType) { return keyType == 3 ? 384 : keyType == 4 ? 512 : 256; }
+
+void chooseKey(HashContext& hash, const OrvaneKeyPair& keyPair) {
+    std::memcpy(hash.keyId, keyPair.keyId, sizeof hash.keyId);
+    hash.keyIdLength = 16;
+    hash.mechanism = static_cast<uint32_t>(keyPair.keyType);
+}
+
+// The container's own signing key pair; when the container names a key pair that cannot
+// sign, the token's last key pair that can.
+bool chooseSigningKey(const CspContext& context, HashContext& hash) {
+    hash.keyIdLength = 0;
+    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(context.serialNumber.c_str(), context.libraryContext);
+    bool matched = false;
+    for (const OrvaneKeyPair& keyPair : keyPairs) {
+        if (!context.containerName.empty() && keyIdText(keyPair) != context.containerName) continue;
+        matched = true;
+        if (signsOrVerifies(keyPair)) {
+            chooseKey(hash, keyPair);
+            return true;
+        }
+    }
+    if (matched)
+        for (const OrvaneKeyPair& keyPair : keyPairs)
+            if (signsOrVerifies(keyPair)) chooseKey(hash, keyPair);
+    return hash.keyIdLength == 16;
+}
+
+// The digest of a hash object that has none yet, through CPGetHashParam.
+DWORD fetchDigest(HCRYPTPROV hProv, HCRYPTHASH hHash, HashContext& hash) {
+    DWORD size = 0;
+    if (!CPGetHashParam(hProv, hHash, HP_HASHVAL, nullptr, &size, 0)) {
+        Utils::logError("CPGetHashParam failed to get hash size");
+        return static_cast<DWORD>(NTE_BAD_HASH);
+    }
+    if (size > hash.hashLength) {
+        Utils::logError("Hash size larger than expected");
+        return static_cast<DWORD>(NTE_BAD_HASH);
+    }
+    std::vector<BYTE> digest(size, 0);
+    if (!CPGetHashParam(hProv, hHash, HP_HASHVAL, digest.data(), &size, 0)) {
+        Utils::logError("CPGetHashParam failed to get hash value");
+        return static_cast<DWORD>(NTE_BAD_HASH);
+    }
+    std::memcpy(hash.hashValue, digest.data(), size);
+    hash.hashValueLength = size;
+    Utils::logMessage("Hash obtained using CPGetHashParam");
+    return 0;
+}
+
+// DER public key of the container's first signing key pair; its stored key is a modulus.
+DWORD containerPublicKey(const CspContext& context, Bytes& der) {
+    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(context.serialNumber.c_str(), context.libraryContext);
+    if (keyPairs.empty()) return static_cast<DWORD>(NTE_BAD_KEY);
+    for (const OrvaneKeyPair& keyPair : keyPairs) {
+        if (!signsOrVerifies(keyPair)) continue;
+        if (!context.containerName.empty() && keyIdText(keyPair) != context.containerName) continue;
+        der = modulusAsDer(keyPair.publicKey, static_cast<size_t>(keyPair.publicKeyLength));
+        return 0;
+    }
+    return static_cast<DWORD>(NTE_BAD_KEY);
+}
+
+}  // namespace
+
+BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD, LPCWSTR, DWORD dwFlags, BYTE* pbSignature,
+                       DWORD* pdwSigLen) {
+    Utils::logMessage("CPSignHash");
+    return guardEntry("CPSignHash", [&]() -> BOOL {
+        CspContext* context = contextFromHandle(hProv);
+        if (context == nullptr) return failWith(NTE_BAD_UID);
+        HashContext* hash = hashFromHandle(hHash);
+        if (hash == nullptr) return failWith(NTE_BAD_HASH);
+        if (pdwSigLen == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+
+        if (hash->hashValueLength == 0) {
+            int length = sizeof hash->hashValue;
+            if (orvane_finalHash(hash->libraryHash, hash->hashValue, &length, context->libraryContext) != 0)
+                return failWith(NTE_FAIL);
+            hash->hashValueLength = static_cast<uint32_t>(length);
+        }
+        // A key chosen by an earlier call on this hash (the size query) is kept.
+        if (hash->keyIdLength != 16 && !chooseSigningKey(*context, *hash)) {
+            Utils::logMessage("Sign certificate not found");
+            return failWith(NTE_NO_KEY);
+        }
+        if (pbSignature == nullptr) {
+            *pdwSigLen = signatureSize(hash->mechanism);
+            return TRUE;
+        }
+
+        const std::string& serial = context->serialNumber;
+        auto ensurePin = [&] { return ensurePinValidatedCsp(serial, context->libraryContext); };
+        if (!ensurePin()) return FALSE;
+        Utils::logMessage("CPSignHash dwFlags : " + std::to_string(dwFlags));
+        Utils::logMessage("CPSignHash hashAlgorithm : " + std::to_string(hash->hashAlgorithm));
+        Utils::logMessage("CPSignHash key mechanism : " + std::to_string(hash->mechanism));
+
+        int signatureLength = 0;
+        SignOnRetryOutcome outcome =
+            runWithSignOnRetry(serial, "CPSignHash: SSO expired, re-prompting for PIN", ensurePin, [&](const std::string& pin) {
+                signatureLength = static_cast<int>(*pdwSigLen);
+                return orvane_signHash(serial.c_str(), hash->keyId, pin.c_str(), hash->hashValue,
+                                       static_cast<int>(hash->hashValueLength), pbSignature, &signatureLength, false,
+                                       context->libraryContext);
+            });
+        if (outcome.pinCheckFailed) return FALSE;
+        if (outcome.result != 0) {
+            Utils::logError("Sign hash failed : " + std::to_string(outcome.result));
+            return failWith(NTE_PROVIDER_DLL_FAIL);
+        }
+        reverseBytes(pbSignature, static_cast<size_t>(signatureLength));
+        *pdwSigLen = static_cast<DWORD>(signatureLength);
+        return TRUE;
+    });
+}
+
+BOOL WINAPI CPVerifySignature(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbSignature, DWORD cbSigLen,
+                              HCRYPTKEY hPubKey, LPCWSTR, DWORD) {
+    Utils::logMessage("CPVerifySignature");
+    return guardEntry("CPVerifySignature", [&]() -> BOOL {
+        CspContext* context = contextFromHandle(hProv);
+        if (context == nullptr) {
+            Utils::logError("CSP Context Not Initialized");
+            return failWith(NTE_BAD_UID);
+        }
+        HashContext* hash = hashFromHandle(hHash);
+        if (hash == nullptr) {
+            Utils::logError("Hash Context is not Initialized");
+            return failWith(NTE_BAD_HASH);
+        }
+        if (pbSignature == nullptr && cbSigLen != 0) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+        if (hash->hashValueLength == 0)
+            if (DWORD failure = fetchDigest(hProv, hHash, *hash)) return failWith(failure);
+
+        Bytes publicKey;
+        CspKey* key = keyFromHandle(hPubKey);
+        if (key != nullptr && key->publicKeyLength != 0) {
+            Utils::logMessage("key handle available");
+            publicKey = publicKeyAsDer(key->publicKey, key->publicKeyLength, kVerifyPublicKeyFormLog);
+        } else {
+            Utils::logError("Key Handle Not Initialized or Public Key Length is zero");
+            Utils::logMessage("Container name : " + context->containerName);
+            if (DWORD failure = containerPublicKey(*context, publicKey)) return failWith(failure);
+        }
+
+        std::vector<BYTE> signature(pbSignature, pbSignature + cbSigLen);
+        reverseBytes(signature.data(), signature.size());
+        int result = orvane_verifySignatureHash(ORVANE_MECH_SHA1, context->serialNumber.c_str(), hash->hashValue,
+                                                static_cast<int>(hash->hashValueLength), publicKey.data(),
+                                                static_cast<int>(publicKey.size()), signature.data(),
+                                                static_cast<int>(signature.size()), nullptr);
+        Utils::logMessage("pContext->serialNumber: " + context->serialNumber);
+        Utils::logMessage("pHashContext->hashLength: " + std::to_string(hash->hashValueLength));
+        Utils::logMessage("PublicKeyLength: " + std::to_string(publicKey.size()));
+        Utils::logMessage("Signature Length: " + std::to_string(cbSigLen));
+        if (result != 0) {
+            Utils::logError("VERIFY SIGNATURE FAILED :: " + std::to_string(result));
+            return failWith(NTE_BAD_SIGNATURE);
+        }
+        return TRUE;
+    });
+}

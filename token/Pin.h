@@ -1,0 +1,34 @@
+// The user PIN: asked at most once per token and process, cached in the session table,
+// not asked at all while the token is signed on in Token Manager, and asked again when
+// the token reports that the sign-on has expired.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace orvane {
+
+// Token library result of a private-key operation whose sign-on has run out.
+const int kSignOnExpired = 49;
+
+// Signed on: label present, loginState 1 and ssoState 1.
+bool isTokenSignedOn(const std::string& serial, void* libraryContext);
+
+// CryptoAPI face. False (last error NTE_FAIL) when the user cancelled or the PIN is locked.
+bool ensurePinValidatedCsp(const std::string& serial, void* libraryContext);
+// CNG face. False when the user cancelled or the PIN is locked; sets no error.
+bool ensurePinValidatedKsp(const std::string& serial, void* libraryContext);
+
+struct SignOnRetryOutcome {
+    bool pinCheckFailed = false;  // the renewed PIN check failed; its error stands
+    int result = 0;               // otherwise the library's final result
+};
+
+// Runs a private-key operation with the cached PIN. When the library answers that the
+// sign-on expired, writes expiredLogLine, forgets the PIN, checks it again and runs the
+// operation exactly once more. The operation resets its own in/out lengths on each run.
+SignOnRetryOutcome runWithSignOnRetry(const std::string& serial, const char* expiredLogLine,
+                                      const std::function<bool()>& ensurePinValidated,
+                                      const std::function<int(const std::string& pin)>& operation);
+
+}  // namespace orvane
