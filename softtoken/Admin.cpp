@@ -149,6 +149,8 @@ int clearFaults() {
 
 int callCount(const std::string& operation) { return softtoken::callCount(operation); }
 
+std::string lastPinReceived() { return softtoken::lastPinReceived(); }
+
 std::string describe() {
     StoreState state;
     if (!readStore(state)) return "{\"error\": \"store unreadable\"}";

@@ -1,5 +1,7 @@
 #include "softtoken/Objects.h"
 
+#include <mutex>
+
 #include "softtoken/Asn1.h"
 #include "softtoken/Crypto.h"
 #include "softtoken/Status.h"
@@ -32,7 +34,23 @@ int updateToken(const char* serial, Access access, const std::function<int(Token
 
 }  // namespace
 
+namespace {
+
+std::mutex lastPinMutex;
+std::string lastPin;
+
+}  // namespace
+
+std::string lastPinReceived() {
+    std::lock_guard<std::mutex> guard(lastPinMutex);
+    return lastPin;
+}
+
 int authorise(const TokenRecord& token, const char* pin) {
+    {
+        std::lock_guard<std::mutex> guard(lastPinMutex);
+        lastPin = pin ? pin : "";
+    }
     if (token.signedOn()) return kOk;
     if (token.retriesLeft <= 0) return kPinLocked;
     if (pin == nullptr || token.pin != pin) return kPinIncorrect;

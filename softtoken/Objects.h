@@ -22,5 +22,7 @@ int addSecretKey(const char* serial, Access access, SecretKeyRecord& secret);
 // A private-key operation may go ahead when the token is signed on, or the PIN is right
 // and not locked. Only orvane_validatePassword counts wrong tries.
 int authorise(const TokenRecord& token, const char* pin);
+// The PIN argument of the last private-key operation in this process.
+std::string lastPinReceived();
 
 }  // namespace softtoken

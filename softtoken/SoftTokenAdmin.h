@@ -41,6 +41,8 @@ ORVANE_DSC_API int injectFault(const std::string& operation, int count, int code
 ORVANE_DSC_API int clearFaults();
 // How often this process has called a library operation so far.
 ORVANE_DSC_API int callCount(const std::string& operation);
+// The PIN that the last private-key operation of this process was given.
+ORVANE_DSC_API std::string lastPinReceived();
 
 // A readable JSON description of every token, without PINs or private keys.
 ORVANE_DSC_API std::string describe();

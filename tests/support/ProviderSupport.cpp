@@ -54,3 +54,31 @@ FARPROC providerExport(const char* name) {
 }
 
 }  // namespace orvanetest
+
+#include "softtoken/SoftTokenAdmin.h"
+#include "tests/support/TestSupport.h"
+
+namespace orvanetest {
+
+ProvisionedKey provisionKeyWithCertificate(const std::string& serial, int keyType, int usage) {
+    ProvisionedKey key;
+    if (softtoken::admin::generateKeyPair(serial, keyType, "", usage, 0, key.keyId) != 0)
+        throw std::runtime_error("key generation failed");
+    std::vector<unsigned char> spki;
+    softtoken::admin::exportPublicKey(serial, key.keyId, spki);
+    writeFile(workDir() + "/" + key.keyId + ".pub.der", spki);
+    key.certificateFile = workDir() + "/" + key.keyId + ".cert.der";
+    HostResult host = runHost(
+        "set -e\n"
+        "[ -f ca.pem ] || openssl req -x509 -new -newkey rsa:2048 -nodes -keyout ca.key -subj '/CN=Orvane Test CA' "
+        "-days 30 -out ca.pem 2>/dev/null\n"
+        "openssl x509 -new -subj '/CN=" + key.keyId + "' -force_pubkey " + key.keyId +
+        ".pub.der -CA ca.pem -CAkey ca.key -days 30 -outform DER -out " + key.certificateFile);
+    if (host.exitCode != 0) throw std::runtime_error("certificate issue failed: " + host.output);
+    std::string linked;
+    if (softtoken::admin::importCertificate(serial, readFile(key.certificateFile), "", linked) != 0 || linked != key.keyId)
+        throw std::runtime_error("certificate import failed");
+    return key;
+}
+
+}  // namespace orvanetest

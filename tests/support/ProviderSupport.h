@@ -27,3 +27,16 @@ Function providerFunction(const char* name) {
 }
 
 }  // namespace orvanetest
+
+namespace orvanetest {
+
+struct ProvisionedKey {
+    std::string keyId;            // hex, the container name
+    std::string certificateFile;  // DER certificate on the host (Unix path)
+};
+
+// Generates a key pair on the token, has a test CA (OpenSSL on the host) issue a
+// certificate for its public key, and stores the certificate on the token.
+ProvisionedKey provisionKeyWithCertificate(const std::string& serial, int keyType, int usage);
+
+}  // namespace orvanetest
