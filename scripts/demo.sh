@@ -42,4 +42,19 @@ cd "$root"
 step "Token contents"
 tool list
 
+step "Signing a file through CryptoAPI with the token key (the PIN dialog is answered on an Xvfb display)"
+printf 'Orvane demo document, signed on %s\n' "$(date -u)" > "$demo/document.txt"
+# Windows need a wineserver that was started on the display: let the current one exit first.
 wineserver -w
+xvfb-run -a sh -c "wine '$root/build/bin/orvane-demo.exe' $signing_key '$demo/document.txt' '$demo/document.sig' \
+    '$demo/signing-cert.der' --answer-pin 1234; status=\$?; wineserver -w; exit \$status"
+
+step "Verifying the signature with OpenSSL against the certificate that CryptoAPI returned"
+openssl x509 -inform DER -in "$demo/signing-cert.der" -noout -subject -issuer
+openssl x509 -inform DER -in "$demo/signing-cert.der" -pubkey -noout > "$demo/signing-pub.pem"
+openssl dgst -sha256 -verify "$demo/signing-pub.pem" -signature "$demo/document.sig" "$demo/document.txt"
+openssl x509 -inform DER -in "$demo/signing-cert.der" -out "$demo/signing-cert.pem"
+openssl verify -CAfile "$demo/ca.pem" "$demo/signing-cert.pem"
+
+step "Provider log (logLevel 3) of the demo run"
+tail -n 12 "$WINEPREFIX"/drive_c/users/*/Temp/Kestrelon/orvane-demo.exe/*.LOG

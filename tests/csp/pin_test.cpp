@@ -8,12 +8,14 @@
 #include "softtoken/SoftTokenAdmin.h"
 #include "tests/support/ProviderSupport.h"
 #include "tests/support/TestSupport.h"
-#include "tests/support/UiDriver.h"
+#include "tools/desktop/UiDriver.h"
 #include "token/OrvaneDSCLibrary.h"
 
 using namespace orvanetest;
 namespace admin = softtoken::admin;
 using Seen = std::vector<std::string>;
+using desktop::UiDriver;
+using desktop::UiStep;
 
 namespace {
 

@@ -1,8 +1,8 @@
-#include "tests/support/UiDriver.h"
+#include "tools/desktop/UiDriver.h"
 
 #include <windows.h>
 
-namespace orvanetest {
+namespace desktop {
 namespace {
 
 const char kPinDialogTitle[] = "Verify User Pin";
@@ -88,4 +88,4 @@ void UiDriver::run() {
     }
 }
 
-}  // namespace orvanetest
+}  // namespace desktop

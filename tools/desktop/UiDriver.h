@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-namespace orvanetest {
+namespace desktop {
 
 struct UiStep {
     enum Kind { kEnterPin, kCancel, kCloseWindow, kAcknowledgeMessage };
@@ -45,4 +45,4 @@ private:
     std::thread thread_;
 };
 
-}  // namespace orvanetest
+}  // namespace desktop
