@@ -93,6 +93,21 @@ void fillSecretKey(const SecretKeyRecord& secret, OrvaneSymmetricKey& out) {
     out.keyFlag = secret.flag;
 }
 
+// Fills one of the library-owned lists (one per thread) from a connected token; a missing
+// token or an injected fault gives an empty list.
+template <typename Record, typename Stored>
+std::vector<Record>& readList(const char* operation, const char* serial, std::vector<Stored> TokenRecord::*objects,
+                              void (*fill)(const Stored&, Record&), std::vector<Record>& list) {
+    list.clear();
+    StoreState state;
+    const TokenRecord* token = nullptr;
+    if (openToken(operation, serial, state, token) != kOk) return list;
+    const std::vector<Stored>& stored = token->*objects;
+    list.resize(stored.size());
+    for (size_t i = 0; i < list.size(); ++i) fill(stored[i], list[i]);
+    return list;
+}
+
 }  // namespace
 
 ORVANE_DSC_API int orvane_init(int, void*, int) {
@@ -166,35 +181,17 @@ ORVANE_DSC_API int orvane_validatePassword(const char* serialNumber, const char*
 
 ORVANE_DSC_API std::vector<OrvaneKeyPair>& orvane_getKeyPairList(const char* serialNumber, void*) {
     thread_local std::vector<OrvaneKeyPair> list;
-    list.clear();
-    StoreState state;
-    const TokenRecord* token = nullptr;
-    if (openToken("orvane_getKeyPairList", serialNumber, state, token) != kOk) return list;
-    list.resize(token->keyPairs.size());
-    for (size_t i = 0; i < list.size(); ++i) fillKeyPair(token->keyPairs[i], list[i]);
-    return list;
+    return readList("orvane_getKeyPairList", serialNumber, &TokenRecord::keyPairs, fillKeyPair, list);
 }
 
 ORVANE_DSC_API std::vector<OrvaneCertificate>& orvane_getCertificateList(const char* serialNumber, void*) {
     thread_local std::vector<OrvaneCertificate> list;
-    list.clear();
-    StoreState state;
-    const TokenRecord* token = nullptr;
-    if (openToken("orvane_getCertificateList", serialNumber, state, token) != kOk) return list;
-    list.resize(token->certificates.size());
-    for (size_t i = 0; i < list.size(); ++i) fillCertificate(token->certificates[i], list[i]);
-    return list;
+    return readList("orvane_getCertificateList", serialNumber, &TokenRecord::certificates, fillCertificate, list);
 }
 
 ORVANE_DSC_API std::vector<OrvaneSymmetricKey>& orvane_getAesKeyList(const char* serialNumber, void*) {
     thread_local std::vector<OrvaneSymmetricKey> list;
-    list.clear();
-    StoreState state;
-    const TokenRecord* token = nullptr;
-    if (openToken("orvane_getAesKeyList", serialNumber, state, token) != kOk) return list;
-    list.resize(token->secretKeys.size());
-    for (size_t i = 0; i < list.size(); ++i) fillSecretKey(token->secretKeys[i], list[i]);
-    return list;
+    return readList("orvane_getAesKeyList", serialNumber, &TokenRecord::secretKeys, fillSecretKey, list);
 }
 
 ORVANE_DSC_API int orvane_getCertificateDetails(const unsigned char* certData, int certLength,

@@ -32,7 +32,7 @@ inline CspKey* keyFromHandle(HCRYPTKEY handle) { return reinterpret_cast<CspKey*
 uint32_t keyTypeBits(int32_t keyType);
 
 // Process-wide: once a context was asked for PP_CONTAINER or PP_UNIQUE_CONTAINER,
-// CPGetUserKey takes any key pair whatever spec is requested.
+// CPGetUserKey takes any key pair, whichever AT_ value is requested.
 extern bool anyKeySpec;
 
 }  // namespace orvane::csp

@@ -195,7 +195,7 @@ TEST_F(CspCryptoTest, DecryptsWhatOpenSslEncryptedAndRoundTripsItsOwnEncryption)
 TEST_F(CspCryptoTest, UserKeysReportAlgorithmAndSize) {
     struct Case {
         std::string container;
-        DWORD spec;
+        DWORD keySpec;
         ALG_ID algorithm;
         DWORD bits;
     };
@@ -203,7 +203,7 @@ TEST_F(CspCryptoTest, UserKeysReportAlgorithmAndSize) {
                           Case{rsa3072_.keyId, AT_KEYEXCHANGE, CALG_RSA_KEYX, 3072}}) {
         Container container(c.container);
         HCRYPTKEY key = 0;
-        ASSERT_TRUE(CryptGetUserKey(container.handle(), c.spec, &key)) << c.container;
+        ASSERT_TRUE(CryptGetUserKey(container.handle(), c.keySpec, &key)) << c.container;
         DWORD value = 0, size = sizeof value;
         ASSERT_TRUE(CryptGetKeyParam(key, KP_ALGID, reinterpret_cast<BYTE*>(&value), &size, 0));
         EXPECT_EQ(c.algorithm, value);
