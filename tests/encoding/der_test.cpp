@@ -5,7 +5,9 @@
 #include "encoding/Der.h"
 #include "encoding/Hex.h"
 #include "encoding/PublicKeyForm.h"
+#include "softtoken/SoftTokenAdmin.h"
 #include "tests/support/TestSupport.h"
+#include "token/OrvaneDSCLibrary.h"
 
 using namespace orvanetest;
 using orvane::Bytes;
@@ -74,6 +76,34 @@ TEST(DerEncoding, OpenSslReadsTheEncodingAsTheSameRsaKey) {
                                    ".openssl.der 2>/dev/null && cmp " + name + ".ours.der " + name + ".openssl.der && echo SAME");
         EXPECT_EQ(hex + "\nSAME\n", check.output) << bits;
     }
+}
+
+TEST(DerEncoding, OpenSslReadsATokenModulusAsTheTokenKey) {
+    useFreshStore("der");
+    ASSERT_EQ(0, softtoken::admin::createToken("DER-1", "Der", "1234", 3));
+    std::string keyId;
+    ASSERT_EQ(0, softtoken::admin::generateKeyPair("DER-1", ORVANE_KEY_RSA_2048, "", 3, 0, keyId));
+    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList("DER-1", nullptr);
+    ASSERT_EQ(1u, keyPairs.size());
+    const OrvaneKeyPair& keyPair = keyPairs[0];
+    ASSERT_NE(0x30, keyPair.publicKey[0]) << "the token keeps RSA keys as a bare modulus";
+
+    // The token signs; OpenSSL checks the signature with the key as we encoded it.
+    Bytes der = orvane::publicKeyAsDer(keyPair.publicKey, static_cast<size_t>(keyPair.publicKeyLength),
+                                       orvane::kCspPublicKeyFormLog);
+    Bytes digest(32, 0x42), signature(256);
+    int length = 256;
+    ASSERT_EQ(0, orvane_signHash("DER-1", keyPair.keyId, "1234", digest.data(), 32, signature.data(), &length, false,
+                                 nullptr));
+    writeFile(workDir() + "/token.pub.der", der);
+    writeFile(workDir() + "/token.digest", digest);
+    writeFile(workDir() + "/token.sig", signature);
+    HostResult check = runHost("openssl rsa -pubin -inform DER -in token.pub.der -noout -modulus && "
+                               "openssl pkeyutl -verify -pubin -keyform DER -inkey token.pub.der -in token.digest "
+                               "-sigfile token.sig -pkeyopt digest:sha256");
+    EXPECT_NE(std::string::npos, check.output.find("Modulus=" + orvane::toHex(keyPair.publicKey, 256) + "\n"))
+        << check.output;
+    EXPECT_NE(std::string::npos, check.output.find("Signature Verified Successfully")) << check.output;
 }
 
 }  // namespace

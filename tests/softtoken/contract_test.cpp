@@ -167,32 +167,39 @@ TEST_F(SoftTokenTest, EncryptsForAnRsaPublicKeyThatOpenSslDecrypts) {
 }
 
 TEST_F(SoftTokenTest, UnwrapsOnlyWithTheRightTokenKek) {
-    // RFC 3394 section 4.1: 128-bit key data wrapped with a 128-bit KEK.
-    std::string kekId, otherId;
-    ASSERT_EQ(0, admin::importSecretKey(kSerial, 8, hexBytes("000102030405060708090A0B0C0D0E0F"), "KEK", kekId));
-    ASSERT_EQ(0, admin::importSecretKey(kSerial, 10, Bytes(32, 0x5A), "other", otherId));
-    Bytes wrapped = hexBytes("1FA68B0A8112B447AEF34BD8FB5A7B829D3E862371D2CFE5");
+    // An AES-128 KEK with the RFC 3394 (4.1) vector, and an AES-256 KEK whose wrapped key OpenSSL made.
+    std::string rfcKekId, kekId;
+    ASSERT_EQ(0, admin::importSecretKey(kSerial, 8, hexBytes("000102030405060708090A0B0C0D0E0F"), "RFC KEK", rfcKekId));
+    Bytes kek = hexBytes("8C1F3A5E7D9B2C4E6F8091A2B3C4D5E6F708192A3B4C5D6E7F8091A2B3C4D5E6");
+    ASSERT_EQ(0, admin::importSecretKey(kSerial, 10, kek, "KEK", kekId));
+    HostResult host = runHost("openssl rand 32 > wrap.key && openssl enc -id-aes256-wrap -K " + orvane::toHex(kek) +
+                              " -iv A6A6A6A6A6A6A6A6 -in wrap.key -out wrap.bin");
+    ASSERT_EQ(0, host.exitCode) << host.output;
+    struct Case {
+        Bytes wrapped;
+        std::string kekId;
+        std::string key;
+    };
+    const Case cases[] = {{hexBytes("1FA68B0A8112B447AEF34BD8FB5A7B829D3E862371D2CFE5"), rfcKekId,
+                           "00112233445566778899AABBCCDDEEFF"},
+                          {readFile(workDir() + "/wrap.bin"), kekId, orvane::toHex(readFile(workDir() + "/wrap.key"))}};
 
-    std::vector<OrvaneSymmetricKey> list = orvane_getAesKeyList(kSerial, nullptr);
-    int unwrappedBy = 0;
-    for (const OrvaneSymmetricKey& candidate : list) {
-        unsigned char* key = nullptr;
-        int keyLength = 0;
-        int result = orvane_decrypt_aes(kSerial, candidate.keyData, candidate.keyDataLength, wrapped.data(),
-                                        static_cast<int>(wrapped.size()), &key, &keyLength, candidate.keyFlag, nullptr, 0,
-                                        nullptr);
-        std::string id = orvane::toHex(candidate.keyId, 16);
-        if (id == otherId) {
-            EXPECT_NE(0, result) << "a wrong KEK must fail the integrity check";
-        }
-        if (result == 0) {
-            ++unwrappedBy;
-            EXPECT_EQ(kekId, id);
-            EXPECT_EQ("00112233445566778899AABBCCDDEEFF", orvane::toHex(key, static_cast<size_t>(keyLength)));
+    std::vector<OrvaneSymmetricKey> candidates = orvane_getAesKeyList(kSerial, nullptr);
+    for (const Case& c : cases) {
+        std::vector<std::string> unwrappedBy;
+        for (const OrvaneSymmetricKey& candidate : candidates) {
+            unsigned char* key = nullptr;
+            int keyLength = 0;
+            if (orvane_decrypt_aes(kSerial, candidate.keyData, candidate.keyDataLength, c.wrapped.data(),
+                                   static_cast<int>(c.wrapped.size()), &key, &keyLength, candidate.keyFlag, nullptr, 0,
+                                   nullptr) != 0)
+                continue;
+            unwrappedBy.push_back(orvane::toHex(candidate.keyId, 16));
+            EXPECT_EQ(c.key, orvane::toHex(key, static_cast<size_t>(keyLength)));
             delete[] key;
         }
+        EXPECT_EQ(std::vector<std::string>{c.kekId}, unwrappedBy) << "a wrong KEK fails the integrity check";
     }
-    EXPECT_EQ(1, unwrappedBy);
 }
 
 TEST_F(SoftTokenTest, SymmetricDecryptionAndHashesMatchKnownAnswers) {
