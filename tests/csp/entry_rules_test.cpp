@@ -146,8 +146,8 @@ TEST_F(CspEntryRules, UserKeysAndKeyParameters) {
     EXPECT_TRUE(failsWith(CPGetUserKey(lowerCase, AT_SIGNATURE, &key), NTE_BAD_KEY)) << "names compare exactly here";
     CPReleaseContext(lowerCase, 0);
 
-    for (auto [spec, algorithm] : {std::pair<DWORD, DWORD>{AT_SIGNATURE, CALG_RSA_SIGN}, {AT_KEYEXCHANGE, CALG_RSA_KEYX}}) {
-        ASSERT_TRUE(CPGetUserKey(provider_, spec, &key)) << "usage 3 serves both";
+    for (auto [keySpec, algorithm] : {std::pair<DWORD, DWORD>{AT_SIGNATURE, CALG_RSA_SIGN}, {AT_KEYEXCHANGE, CALG_RSA_KEYX}}) {
+        ASSERT_TRUE(CPGetUserKey(provider_, keySpec, &key)) << "usage 3 serves both";
         DWORD value = 0, size = 0;
         EXPECT_TRUE(CPGetKeyParam(provider_, key, KP_ALGID, nullptr, &size, 0));
         EXPECT_EQ(4u, size);
