@@ -58,6 +58,18 @@ BOOL answerFixedSize(const void* value, DWORD size, BYTE* pbData, DWORD* pdwData
     return TRUE;
 }
 
+// The checks shared by CPGetHashParam and CPSetHashParam, in their order; 0 when the call may go on.
+// An uninitialised context counts as a bad hash here.
+DWORD checkHashParamCall(HCRYPTPROV hProv, HCRYPTHASH hHash, const void* data, DWORD dwFlags, CspContext*& context,
+                         HashContext*& hash) {
+    if (hProv == 0 || hHash == 0 || data == nullptr) return kInvalidParameter;
+    if (dwFlags != 0) return static_cast<DWORD>(NTE_BAD_FLAGS);
+    context = contextFromHandle(hProv);
+    hash = hashFromHandle(hHash);
+    if (context == nullptr || !hash->valid) return static_cast<DWORD>(NTE_BAD_HASH);
+    return 0;
+}
+
 BOOL answerHashValue(CspContext& context, HashContext& hash, BYTE* pbData, DWORD* pdwDataLen) {
     ALG_ID algId = 0;
     DWORD expected = 0;
@@ -139,11 +151,9 @@ BOOL WINAPI CPGetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, BY
                            DWORD dwFlags) {
     Utils::logMessage("CPGetHashParam");
     return guardEntry("CPGetHashParam", [&]() -> BOOL {
-        if (hProv == 0 || hHash == 0 || pdwDataLen == nullptr) return failWith(kInvalidParameter);
-        if (dwFlags != 0) return failWith(NTE_BAD_FLAGS);
-        CspContext* context = contextFromHandle(hProv);
-        HashContext* hash = hashFromHandle(hHash);
-        if (context == nullptr || !hash->valid) return failWith(NTE_BAD_HASH);
+        CspContext* context = nullptr;
+        HashContext* hash = nullptr;
+        if (DWORD refused = checkHashParamCall(hProv, hHash, pdwDataLen, dwFlags, context, hash)) return failWith(refused);
         Utils::logMessage("CPGetHashParam dwParam : " + std::to_string(dwParam));
         Utils::logMessage("CPGetHashParam mechanism : " + std::to_string(hash->mechanism));
 
@@ -174,11 +184,9 @@ BOOL WINAPI CPGetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, BY
 BOOL WINAPI CPSetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, const BYTE* pbData, DWORD dwFlags) {
     Utils::logMessage("CPSetHashParam");
     return guardEntry("CPSetHashParam", [&]() -> BOOL {
-        if (hProv == 0 || hHash == 0 || pbData == nullptr) return failWith(kInvalidParameter);
-        if (dwFlags != 0) return failWith(NTE_BAD_FLAGS);
-        CspContext* context = contextFromHandle(hProv);
-        HashContext* hash = hashFromHandle(hHash);
-        if (context == nullptr || !hash->valid) return failWith(NTE_BAD_HASH);
+        CspContext* context = nullptr;
+        HashContext* hash = nullptr;
+        if (DWORD refused = checkHashParamCall(hProv, hHash, pbData, dwFlags, context, hash)) return failWith(refused);
         Utils::logMessage("Set hash param dwParam : " + std::to_string(dwParam));
         Utils::logMessage("Set hash param dwFlags : " + std::to_string(dwFlags));
 

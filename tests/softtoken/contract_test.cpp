@@ -276,21 +276,6 @@ TEST_F(SoftTokenTest, CertificatesPairWithTheirKeysByPublicKeyBytes) {
     EXPECT_EQ(2u, orvane_getCertificateList(kSerial, nullptr).size());
 }
 
-TEST_F(SoftTokenTest, LibraryRecordsCarryEachFieldAtItsOffset) {
-    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(kSerial, nullptr);
-    ASSERT_FALSE(keyPairs.empty());
-    const unsigned char* raw = reinterpret_cast<const unsigned char*>(&keyPairs[0]);
-    int32_t word = 0;
-    std::memcpy(&word, raw + 1316, 4);
-    EXPECT_EQ(keyPairs[0].keyType, word);
-    std::memcpy(&word, raw + 1312, 4);
-    EXPECT_EQ(3, word) << "keyUsage";
-    std::memcpy(&word, raw + 1044, 4);
-    EXPECT_EQ(128, word) << "publicKeyLength of the RSA-1024 modulus";
-    EXPECT_EQ(0, std::memcmp(raw + 4, key("rsa1024").keyId.data(), 16));
-    EXPECT_STREQ("Key 1", reinterpret_cast<const char*>(raw + 1180));
-}
-
 TEST(SoftTokenPin, WrongPinCountsDownLocksAndBlocksPrivateKeyUse) {
     useFreshStore("pin");
     ASSERT_EQ(0, admin::createToken("PIN-1", "Pin token", "2468", 3));

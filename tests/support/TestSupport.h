@@ -26,9 +26,8 @@ struct HostResult {
 // children or pass their exit codes, so the script reports through files that we poll.
 HostResult runHost(const std::string& script);
 
-// Runs the provisioning tool as a separate Windows process and returns its exit code;
-// its standard output goes to *output when given.
-int runTool(const std::string& arguments, std::string* output = nullptr);
+// Runs the provisioning tool as a separate Windows process and returns its exit code.
+int runTool(const std::string& arguments);
 
 // Points the software token of this process (and of the tools it starts) at a new, empty
 // store folder named after the test; returns the folder's Unix path.

@@ -1,4 +1,4 @@
-// The log writer, the session table and the container lookup, linked in directly.
+// The log writer and the container lookup, linked in directly.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -62,31 +62,6 @@ TEST_F(LogWriterTest, MessageWithLineBreaksIsWrittenAsItIs) {
     std::string before = readProviderLog();
     Utils::logError("first\r\nsecond\nthird");
     EXPECT_NE(std::string::npos, logSince(before).find("->ERROR ::=>first\r\nsecond\nthird\n"));
-}
-
-TEST(SessionTable, EntriesComeIntoBeingOnlyWhenMarkedOrStored) {
-    const std::string serial = "SESSION-1";
-    orvane::clearPin(serial);
-    EXPECT_FALSE(orvane::isPinValidated(serial));
-    EXPECT_EQ("", orvane::getCachedPin(serial));
-    EXPECT_FALSE(orvane::isDeviceInitialized(serial));
-
-    orvane::storeValidatedPin(serial, "4321");
-    EXPECT_TRUE(orvane::isPinValidated(serial));
-    EXPECT_EQ("4321", orvane::getCachedPin(serial));
-    EXPECT_FALSE(orvane::isDeviceInitialized(serial));
-    orvane::markDeviceInitialized(serial);
-    orvane::clearPin(serial);
-    EXPECT_FALSE(orvane::isPinValidated(serial));
-    EXPECT_EQ("", orvane::getCachedPin(serial));
-    EXPECT_TRUE(orvane::isDeviceInitialized(serial)) << "clearing the PIN keeps the device initialised";
-
-    orvane::markDeviceInitialized("SESSION-2");
-    EXPECT_EQ(std::vector<std::string>{"SESSION-2"}, orvane::removeSessionsExcept({serial}));
-    EXPECT_FALSE(orvane::isDeviceInitialized("SESSION-2"));
-    EXPECT_TRUE(orvane::isDeviceInitialized(serial));
-    orvane::removeSession(serial);
-    EXPECT_FALSE(orvane::isDeviceInitialized(serial));
 }
 
 TEST(ContainerLookup, FindsTheTokenHoldingTheKeyAndFallsBackToTheFirst) {
