@@ -74,19 +74,32 @@ std::string logFilePath() {
 
 }  // namespace
 
+// Logging runs inside every entry point and on the monitor thread: a failure to log
+// (no memory, no disk) is swallowed, never passed to the caller.
 void Utils::logMessage(std::string message) {
-    DWORD level = 0;
-    if (readLogLevel(level) && level == 3) writeLine(kDebug, message);
-    message.clear();
+    try {
+        DWORD level = 0;
+        if (readLogLevel(level) && level == 3) writeLine(kDebug, message);
+    } catch (...) {
+    }
 }
 
 void Utils::logError(std::string message) {
-    DWORD level = 0;
-    if (!readLogLevel(level) || level >= 2) writeLine(kError, message);
-    message.clear();
+    try {
+        DWORD level = 0;
+        if (!readLogLevel(level) || level >= 2) writeLine(kError, message);
+    } catch (...) {
+    }
 }
 
 void Utils::writeLine(int level, const std::string& message) {
+    try {
+        appendLine(level, message);
+    } catch (...) {
+    }
+}
+
+void Utils::appendLine(int level, const std::string& message) {
     std::string path = logFilePath();
     std::lock_guard<std::mutex> guard(logMutex());
     HANDLE file = CreateFileA(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,

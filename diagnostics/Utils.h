@@ -13,6 +13,9 @@ public:
     static void logMessage(std::string message);
     // Failure lines ("ERROR ::=>"): written unless logLevel is 0 or 1; also when it is unset.
     static void logError(std::string message);
-    // Appends one line; never fails the caller.
+    // Appends one line; never fails the caller and never throws.
     static void writeLine(int level, const std::string& message);
+
+private:
+    static void appendLine(int level, const std::string& message);
 };

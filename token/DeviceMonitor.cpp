@@ -22,22 +22,32 @@ std::thread* monitorThread = nullptr;
 
 const DWORD kPollMilliseconds = 1000;
 
+void sweepUnpluggedTokens() {
+    std::vector<std::string> serials = orvane_getConnectedDeviceList(false, nullptr);
+    std::set<std::string> connected(serials.begin(), serials.end());
+    for (const std::string& serial : removeSessionsExcept(connected)) Utils::logMessage("Device disconnected: " + serial);
+}
+
+// An exception leaving a thread's body ends the host process: a failed sweep is skipped and
+// the next one tries again.
 void monitorLoop() {
     Utils::logMessage("Device monitor thread started.");
     while (!monitorStopRequested.load()) {
-        std::vector<std::string> serials = orvane_getConnectedDeviceList(false, nullptr);
-        std::set<std::string> connected(serials.begin(), serials.end());
-        for (const std::string& serial : removeSessionsExcept(connected))
-            Utils::logMessage("Device disconnected: " + serial);
+        try {
+            sweepUnpluggedTokens();
+        } catch (...) {
+            Utils::logError("Device monitor sweep failed");
+        }
         Sleep(kPollMilliseconds);
     }
     Utils::logMessage("Device monitor thread stopped.");
 }
 
-void keepModuleLoaded() {
+// The thread runs our code, so the module must never unload under it.
+bool keepModuleLoaded() {
     HMODULE self = nullptr;
-    GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
-                       reinterpret_cast<LPCSTR>(&monitorLoop), &self);
+    return GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                              reinterpret_cast<LPCSTR>(&monitorLoop), &self) != FALSE;
 }
 
 }  // namespace
@@ -48,8 +58,17 @@ void startDeviceMonitor() {
         return;
     }
     monitorStopRequested.store(false);
-    keepModuleLoaded();
-    monitorThread = new std::thread(monitorLoop);
+    if (!keepModuleLoaded()) {
+        Utils::logError("Monitor thread not started: module could not be kept loaded");
+        monitorRunning.store(false);
+        return;
+    }
+    try {
+        monitorThread = new std::thread(monitorLoop);
+    } catch (...) {
+        monitorRunning.store(false);
+        throw;
+    }
     Utils::logMessage("Monitor thread started (startDeviceMonitor).");
 }
 

@@ -75,7 +75,6 @@ bool ensurePinValidatedCsp(const std::string& serial, void* libraryContext) {
                     promptUntilAccepted(serial, libraryContext, kCspPromptTexts, pin);
     if (!accepted) {
         Utils::logMessage("Password validation failed");
-        SetLastError(static_cast<DWORD>(NTE_FAIL));
         return false;
     }
     // While single sign-on stands in for the PIN the cached PIN stays empty, so the next

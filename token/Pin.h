@@ -14,9 +14,9 @@ const int kSignOnExpired = 49;
 // Signed on: label present, loginState 1 and ssoState 1.
 bool isTokenSignedOn(const std::string& serial, void* libraryContext);
 
-// CryptoAPI face. False (last error NTE_FAIL) when the user cancelled or the PIN is locked.
+// CryptoAPI face. False when the user cancelled or the PIN is locked; the face reports it.
 bool ensurePinValidatedCsp(const std::string& serial, void* libraryContext);
-// CNG face. False when the user cancelled or the PIN is locked; sets no error.
+// CNG face. False when the user cancelled or the PIN is locked; the face reports it.
 bool ensurePinValidatedKsp(const std::string& serial, void* libraryContext);
 
 struct SignOnRetryOutcome {

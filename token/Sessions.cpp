@@ -4,8 +4,9 @@
 #include <mutex>
 
 #include "diagnostics/Utils.h"
-#include "encoding/Hex.h"
+#include "encoding/WideNames.h"
 #include "token/DeviceMonitor.h"
+#include "token/KeyPairFacts.h"
 #include "token/OrvaneDSCLibrary.h"
 
 namespace orvane {
@@ -115,16 +116,11 @@ std::string findSerialForContainer(const std::string& containerName) {
     for (const std::string& serial : serials) {
         std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(serial.c_str(), nullptr);
         for (const OrvaneKeyPair& keyPair : keyPairs)
-            if (equalIgnoringCase(toHex(keyPair.keyId, sizeof keyPair.keyId), containerName)) return serial;
+            if (equalIgnoringCase(containerNameOf(keyPair), containerName)) return serial;
     }
     return serials.front();
 }
 
-std::string findSerialForContainer(const std::wstring& keyName) {
-    std::string narrow;
-    narrow.reserve(keyName.size());
-    for (wchar_t unit : keyName) narrow.push_back(static_cast<char>(unit & 0xFF));
-    return findSerialForContainer(narrow);
-}
+std::string findSerialForContainer(const std::wstring& keyName) { return findSerialForContainer(narrowLowBytes(keyName)); }
 
 }  // namespace orvane

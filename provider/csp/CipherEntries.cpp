@@ -1,18 +1,21 @@
 // CPEncrypt (RSA with the key's public half) and CPDecrypt (RSA on the token, or AES with an
 // imported key). RSA ciphertext is little-endian for CryptoAPI and big-endian at the token.
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
 #include "diagnostics/Utils.h"
+#include "encoding/ByteOrder.h"
 #include "encoding/Hex.h"
-#include "encoding/PublicKeyForm.h"
 #include "provider/csp/CspBuffers.h"
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
 #include "provider/csp/CspKey.h"
+#include "provider/csp/CspPublicKey.h"
 #include "provider/csp/CspResult.h"
 #include "token/OrvaneDSCLibrary.h"
-#include "token/Pin.h"
+#include "token/KeyPairFacts.h"
+#include "token/PrivateKeyOperations.h"
 #include "token/SharedKeyState.h"
 
 using namespace orvane;
@@ -20,59 +23,36 @@ using namespace orvane::csp;
 
 namespace {
 
-// Chosen from the stored public key's byte count, which the table compares with bit sizes.
-EncryptionType encryptionTypeFor(uint32_t publicKeyLength) {
-    switch (publicKeyLength) {
-    case 1024: return ENCRYPTION_RSA_1024;
-    case 3072: return ENCRYPTION_RSA_3072;
-    case 4096: return ENCRYPTION_RSA_4096;
-    default: return ENCRYPTION_RSA_2048;
-    }
-}
+// The largest ciphertext the token can return (RSA-4096). The library writes a modulus-sized
+// ciphertext whatever size the handle records, so the buffer is never smaller than this.
+const size_t kLargestCiphertext = 512;
 
-BOOL decryptOnToken(CspContext& context, CspKey& key, BYTE* pbData, DWORD* pdwDataLen) {
+BOOL decryptWithTokenKey(CspContext& context, CspKey& key, BYTE* pbData, DWORD* pdwDataLen) {
     Utils::logMessage("Before reversing encrypted data");
-    std::vector<BYTE> cipher(pbData, pbData + *pdwDataLen);
-    reverseBytes(cipher.data(), cipher.size());
+    Bytes cipher = reversedCopy(pbData, *pdwDataLen);
     Utils::logMessage("After reversing encrypted data");
     Utils::logMessage("Before decrypting data");
 
-    const std::string& serial = context.serialNumber;
-    unsigned char* plain = nullptr;
-    int plainLength = 0;
-    auto ensurePin = [&] { return ensurePinValidatedCsp(serial, context.libraryContext); };
-    SignOnRetryOutcome outcome =
-        runWithSignOnRetry(serial, "CPDecrypt: SSO expired, re-prompting for PIN", ensurePin, [&](const std::string& pin) {
-            delete[] plain;
-            plain = nullptr;
-            plainLength = 0;
-            int result = orvane_decrypt(serial.c_str(), reinterpret_cast<const unsigned char*>(&key), pin.c_str(),
-                                        cipher.data(), static_cast<int>(cipher.size()), &plain, &plainLength,
-                                        key.tokenFlag, context.libraryContext);
-            Utils::logMessage("After decrypting data");
-            return result;
-        });
-    if (outcome.pinCheckFailed) {
-        delete[] plain;
-        return FALSE;
-    }
-    if (outcome.result != 0) {
-        Utils::logError("Decrypt data failed : " + std::to_string(outcome.result));
-        delete[] plain;
+    PrivateKeyCall call{context.serialNumber, context.libraryContext, reinterpret_cast<const unsigned char*>(&key),
+                        key.pair.tokenFlag, "CPDecrypt: SSO expired, re-prompting for PIN",
+                        [&context] { return ensurePinOrFail(context); }};
+    PrivateKeyResult plain = decryptOnToken(call, cipher, "After decrypting data");
+    if (plain.pinCheckFailed) return FALSE;
+    // The plaintext replaces the ciphertext in the caller's buffer, so it must not be longer.
+    if (plain.result == 0 && plain.output.size() > *pdwDataLen) plain.result = kImpossibleLibraryAnswer;
+    if (plain.result != 0) {
+        Utils::logError("Decrypt data failed : " + std::to_string(plain.result));
         return failWith(NTE_PROVIDER_DLL_FAIL);
     }
-    // The plaintext never exceeds the ciphertext, whose buffer it replaces.
-    DWORD length = static_cast<DWORD>(plainLength) <= *pdwDataLen ? static_cast<DWORD>(plainLength) : *pdwDataLen;
-    if (length) std::memcpy(pbData, plain, length);
-    *pdwDataLen = length;
-    SecureZeroMemory(plain, static_cast<size_t>(plainLength));
-    delete[] plain;
+    if (!plain.output.empty()) std::memcpy(pbData, plain.output.data(), plain.output.size());
+    *pdwDataLen = static_cast<DWORD>(plain.output.size());
+    SecureZeroMemory(plain.output.data(), plain.output.size());
     return TRUE;
 }
 
 BOOL decryptWithImportedKey(CspContext& context, CspKey& key, BYTE* pbData, DWORD* pdwDataLen) {
     std::vector<BYTE> plain(*pdwDataLen);
-    const std::vector<unsigned char>& iv = currentIv();
+    const std::vector<unsigned char> iv = currentIv();
     Utils::logMessage("CPDecrypt input iv : " + toHex(iv));
     Utils::logMessage("CPDecrypt input key : " + toHex(key.symmetricKey, key.symmetricKeyLength));
     int plainLength = static_cast<int>(plain.size());
@@ -80,11 +60,13 @@ BOOL decryptWithImportedKey(CspContext& context, CspKey& key, BYTE* pbData, DWOR
                                         plain.data(), &plainLength, iv.empty() ? nullptr : iv.data(),
                                         static_cast<int>(iv.size()), key.symmetricKey,
                                         static_cast<int>(key.symmetricKeyLength), nullptr);
+    if (result == 0 && (plainLength < 0 || static_cast<size_t>(plainLength) > plain.size()))
+        result = kImpossibleLibraryAnswer;
     if (result != 0) {
         Utils::logError("Symetric decryption failed : " + std::to_string(result));
         return failWith(NTE_PROVIDER_DLL_FAIL);
     }
-    plain.resize(static_cast<size_t>(plainLength) <= plain.size() ? static_cast<size_t>(plainLength) : plain.size());
+    plain.resize(static_cast<size_t>(plainLength));
     Utils::logMessage("CPDecrypt - decrypted data : " + toHex(plain));
     std::memcpy(pbData, plain.data(), plain.size());
     *pdwDataLen = static_cast<DWORD>(plain.size());
@@ -96,7 +78,6 @@ BOOL decryptWithImportedKey(CspContext& context, CspKey& key, BYTE* pbData, DWOR
 
 BOOL WINAPI CPEncrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL, DWORD dwFlags, BYTE* pbData,
                       DWORD* pdwDataLen, DWORD cbBufLen) {
-    Utils::logMessage("CPEncrypt");
     return guardEntry("CPEncrypt", [&]() -> BOOL {
         if (pdwDataLen == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
         CspContext* context = contextFromHandle(hProv);
@@ -104,7 +85,7 @@ BOOL WINAPI CPEncrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL, DWORD 
         CspKey* key = keyFromHandle(hKey);
         if (key == nullptr) return failWith(NTE_BAD_KEY);
 
-        DWORD outputSize = key->bitLength / 8;
+        DWORD outputSize = key->pair.bitLength / 8;
         if (pbData == nullptr) {
             *pdwDataLen = outputSize;
             return TRUE;
@@ -117,21 +98,31 @@ BOOL WINAPI CPEncrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL, DWORD 
             Utils::logError("Invalid data length for encrypt: 0");
             return failWith(NTE_BAD_LEN);
         }
-        if (!ensurePinValidatedCsp(context->serialNumber, context->libraryContext)) return FALSE;
+        if (!ensurePinOrFail(*context)) return FALSE;
 
-        Bytes publicKey = publicKeyAsDer(key->publicKey, key->publicKeyLength, kCspPublicKeyFormLog);
+        Bytes publicKey = publicKeyDerOf(*key, "CSP: Public key is already DER encoded",
+                                         "CSP: Public key is raw modulus, converting to DER");
         PaddingMode padding = (dwFlags & CRYPT_OAEP) ? PADDING_OAEP : PADDING_PKCS1;
-        std::vector<BYTE> cipher(outputSize);
+        // The comparison is made on the stored key's byte count, which is never a bit size in practice.
+        EncryptionType type = encryptionTypeForSize(key->pair.publicKeyLength);
+        Bytes cipher(std::max<size_t>(outputSize, kLargestCiphertext));
         int cipherLength = 0;
-        int result = orvane_encrypt(encryptionTypeFor(key->publicKeyLength), padding, pbData, static_cast<int>(*pdwDataLen),
-                                    cipher.data(), &cipherLength, publicKey.data(), static_cast<int>(publicKey.size()),
-                                    context->libraryContext);
-        if (result != 0 || cipherLength < 0 || static_cast<DWORD>(cipherLength) > outputSize) {
+        int result = orvane_encrypt(type, padding, pbData, static_cast<int>(*pdwDataLen), cipher.data(), &cipherLength,
+                                    publicKey.data(), static_cast<int>(publicKey.size()), context->libraryContext);
+        if (result != 0 || cipherLength < 0 || static_cast<size_t>(cipherLength) > cipher.size()) {
             Utils::logError("Encrypt data failed: " + std::to_string(result));
             SecureZeroMemory(cipher.data(), cipher.size());
             return failWith(NTE_PROVIDER_DLL_FAIL);
         }
-        for (int i = 0; i < cipherLength; ++i) pbData[i] = cipher[static_cast<size_t>(cipherLength - 1 - i)];
+        // The handle may record a smaller size than the token's real key: the caller's buffer decides.
+        if (static_cast<DWORD>(cipherLength) > cbBufLen) {
+            SecureZeroMemory(cipher.data(), cipher.size());
+            *pdwDataLen = static_cast<DWORD>(cipherLength);
+            return failWith(static_cast<DWORD>(ERROR_MORE_DATA));
+        }
+        cipher.resize(static_cast<size_t>(cipherLength));
+        reverseBytes(cipher.data(), cipher.size());
+        std::memcpy(pbData, cipher.data(), cipher.size());
         *pdwDataLen = static_cast<DWORD>(cipherLength);
         SecureZeroMemory(cipher.data(), cipher.size());
         Utils::logMessage("CPEncrypt - return success");
@@ -141,22 +132,21 @@ BOOL WINAPI CPEncrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL, DWORD 
 
 BOOL WINAPI CPDecrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL, DWORD dwFlags, BYTE* pbData,
                       DWORD* pdwDataLen) {
-    Utils::logMessage("CPDecrypt");
     return guardEntry("CPDecrypt", [&]() -> BOOL {
         CspContext* context = contextFromHandle(hProv);
         if (context == nullptr) return failWith(NTE_BAD_UID);
         CspKey* key = keyFromHandle(hKey);
         if (key == nullptr) return failWith(NTE_BAD_KEY);
         Utils::logMessage("CPDecrypt - dwFlags : " + std::to_string(dwFlags));
-        Utils::logMessage("CPDecrypt - key id : " + toHex(key->keyId, key->keyIdLength <= 16 ? key->keyIdLength : 16));
-        Utils::logMessage("CPDecrypt - usage : " + std::to_string(key->usage));
+        Utils::logMessage("CPDecrypt - key id : " + toHex(key->pair.keyId, std::min<size_t>(key->pair.keyIdLength, 16)));
+        Utils::logMessage("CPDecrypt - usage : " + std::to_string(key->pair.usage));
         if (pbData == nullptr || pdwDataLen == nullptr || *pdwDataLen == 0) {
             Utils::logError("Invalid data length for decrypt : " + std::to_string(pdwDataLen ? *pdwDataLen : 0));
             return failWith(NTE_BAD_DATA);
         }
-        if (!ensurePinValidatedCsp(context->serialNumber, context->libraryContext)) return FALSE;
+        if (!ensurePinOrFail(*context)) return FALSE;
 
-        BOOL decrypted = key->symmetricKeyLength < 1 ? decryptOnToken(*context, *key, pbData, pdwDataLen)
+        BOOL decrypted = key->symmetricKeyLength < 1 ? decryptWithTokenKey(*context, *key, pbData, pdwDataLen)
                                                      : decryptWithImportedKey(*context, *key, pbData, pdwDataLen);
         if (!decrypted) return FALSE;
         Utils::logMessage("CPDecrypt- return");

@@ -5,10 +5,10 @@
 #include <new>
 
 #include "diagnostics/Utils.h"
-#include "encoding/Hex.h"
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
 #include "provider/csp/CspResult.h"
+#include "token/KeyPairFacts.h"
 #include "token/OrvaneDSCLibrary.h"
 #include "token/Sessions.h"
 
@@ -24,7 +24,6 @@ const uint32_t kKeysetType = 0x1000;
 }  // namespace
 
 BOOL WINAPI CPAcquireContext(HCRYPTPROV* phProv, LPCSTR szContainer, DWORD dwFlags, VTableProvStruc* pVTable) {
-    Utils::logMessage("CPAcquireContext");
     return guardEntry("CPAcquireContext", [&]() -> BOOL {
         if (phProv == nullptr || pVTable == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
         // No flag changes the behaviour: key sets live on the token and are neither created nor deleted here.
@@ -51,7 +50,7 @@ BOOL WINAPI CPAcquireContext(HCRYPTPROV* phProv, LPCSTR szContainer, DWORD dwFla
         std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(context->serialNumber.c_str(), context->libraryContext);
         if (keyPairs.empty()) Utils::logMessage("Acquire Context :: Key List is empty");
         for (const OrvaneKeyPair& keyPair : keyPairs) {
-            std::string name = toHex(keyPair.keyId, sizeof keyPair.keyId);
+            std::string name = containerNameOf(keyPair);
             Utils::logMessage(name);
             context->containerNames.push_back(name);
         }
@@ -65,13 +64,12 @@ BOOL WINAPI CPAcquireContext(HCRYPTPROV* phProv, LPCSTR szContainer, DWORD dwFla
 }
 
 BOOL WINAPI CPReleaseContext(HCRYPTPROV hProv, DWORD dwFlags) {
-    Utils::logMessage("CPReleaseContext");
     return guardEntry("CPReleaseContext", [&]() -> BOOL {
         if (dwFlags != 0) return failWith(NTE_BAD_FLAGS);
         CspContext* context = contextFromHandle(hProv);
         if (context == nullptr) return failWith(NTE_BAD_UID);
         // The token stays initialised and its PIN cached: sessions outlive contexts.
-        delete context;
+        releaseContext(context);
         return TRUE;
     });
 }

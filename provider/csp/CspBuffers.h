@@ -33,13 +33,4 @@ inline BOOL answerDword(DWORD value, BYTE* pbData, DWORD* pdwDataLen, const char
     return answerBytes(&value, sizeof value, pbData, pdwDataLen, shortLogText);
 }
 
-// Reverses byte order in place: CryptoAPI is little-endian where the token is big-endian.
-inline void reverseBytes(BYTE* data, size_t length) {
-    for (size_t i = 0, j = length; i + 1 < j; ++i, --j) {
-        BYTE swap = data[i];
-        data[i] = data[j - 1];
-        data[j - 1] = swap;
-    }
-}
-
 }  // namespace orvane::csp

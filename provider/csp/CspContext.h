@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "token/Pin.h"
+
 namespace orvane::csp {
 
 struct CspContext {
@@ -28,6 +30,19 @@ struct CspContext {
 inline CspContext* contextFromHandle(HCRYPTPROV handle) {
     CspContext* context = reinterpret_cast<CspContext*>(handle);
     return context != nullptr && context->isInitialized ? context : nullptr;
+}
+
+// Marked invalid first, so a stale handle that still finds the memory is refused.
+inline void releaseContext(CspContext* context) {
+    context->isInitialized = false;
+    delete context;
+}
+
+// The CryptoAPI PIN check of the context's token; a refusal leaves NTE_FAIL as last error.
+inline bool ensurePinOrFail(const CspContext& context) {
+    if (orvane::ensurePinValidatedCsp(context.serialNumber, context.libraryContext)) return true;
+    SetLastError(static_cast<DWORD>(NTE_FAIL));
+    return false;
 }
 
 }  // namespace orvane::csp

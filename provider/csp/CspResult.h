@@ -19,14 +19,20 @@ inline BOOL failWith(DWORD lastError) {
 
 inline BOOL failWith(HRESULT lastError) { return failWith(static_cast<DWORD>(lastError)); }
 
+// Every entry point runs its body through this: its name is the first log line, and
+// whatever the body throws becomes FALSE with a last error.
 template <typename Body>
 BOOL guardEntry(const char* entryName, Body&& body) {
     try {
+        Utils::logMessage(entryName);
         return body();
     } catch (const std::bad_alloc&) {
         return failWith(NTE_NO_MEMORY);
     } catch (const std::exception& error) {
         Utils::logError(std::string(entryName) + " : unexpected failure : " + error.what());
+        return failWith(NTE_FAIL);
+    } catch (...) {
+        Utils::logError(std::string(entryName) + " : unexpected failure");
         return failWith(NTE_FAIL);
     }
 }

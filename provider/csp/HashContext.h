@@ -26,4 +26,16 @@ struct HashContext {
 
 inline HashContext* hashFromHandle(HCRYPTHASH handle) { return reinterpret_cast<HashContext*>(handle); }
 
+struct CspContext;
+
+// orvane_finalHash into hashValue with the given capacity; sets hashValueLength (not
+// `finished`). False when the library fails or answers a length that cannot be right.
+bool finishLibraryHash(const CspContext& context, HashContext& hash, int capacity);
+
+// Wiped first (valid becomes 0), so a stale handle that still finds the memory is refused.
+inline void releaseHash(HashContext* hash) {
+    SecureZeroMemory(hash, sizeof *hash);
+    delete hash;
+}
+
 }  // namespace orvane::csp

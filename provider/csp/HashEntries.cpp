@@ -70,6 +70,22 @@ DWORD checkHashParamCall(HCRYPTPROV hProv, HCRYPTHASH hHash, const void* data, D
     return 0;
 }
 
+}  // namespace
+
+namespace orvane::csp {
+
+bool finishLibraryHash(const CspContext& context, HashContext& hash, int capacity) {
+    int length = capacity;
+    if (orvane_finalHash(hash.libraryHash, hash.hashValue, &length, context.libraryContext) != 0) return false;
+    if (length < 0 || static_cast<size_t>(length) > sizeof hash.hashValue) return false;
+    hash.hashValueLength = static_cast<uint32_t>(length);
+    return true;
+}
+
+}  // namespace orvane::csp
+
+namespace {
+
 BOOL answerHashValue(CspContext& context, HashContext& hash, BYTE* pbData, DWORD* pdwDataLen) {
     ALG_ID algId = 0;
     DWORD expected = 0;
@@ -82,11 +98,8 @@ BOOL answerHashValue(CspContext& context, HashContext& hash, BYTE* pbData, DWORD
         return TRUE;
     }
     if (!hash.finished) {
-        int length = static_cast<int>(expected);
-        if (orvane_finalHash(hash.libraryHash, hash.hashValue, &length, context.libraryContext) != 0)
-            return failWith(NTE_FAIL);
+        if (!finishLibraryHash(context, hash, static_cast<int>(expected))) return failWith(NTE_FAIL);
         hash.finished = true;
-        hash.hashValueLength = static_cast<uint32_t>(length);
     }
     // The digest stays stored, so a retry with a larger buffer does not ask the library again.
     if (*pdwDataLen < hash.hashValueLength) {
@@ -101,7 +114,6 @@ BOOL answerHashValue(CspContext& context, HashContext& hash, BYTE* pbData, DWORD
 }  // namespace
 
 BOOL WINAPI CPCreateHash(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTKEY, DWORD dwFlags, HCRYPTHASH* phHash) {
-    Utils::logMessage("CPCreateHash");
     return guardEntry("CPCreateHash", [&]() -> BOOL {
         if (phHash == nullptr || hProv == 0) return failWith(kInvalidParameter);
         if (dwFlags != 0) return failWith(NTE_BAD_FLAGS);
@@ -135,7 +147,6 @@ BOOL WINAPI CPCreateHash(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTKEY, DWORD dwFlag
 }
 
 BOOL WINAPI CPHashData(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbData, DWORD cbDataLen, DWORD) {
-    Utils::logMessage("CPHashData");
     return guardEntry("CPHashData", [&]() -> BOOL {
         CspContext* context = contextFromHandle(hProv);
         if (context == nullptr) return failWith(NTE_BAD_UID);
@@ -149,7 +160,6 @@ BOOL WINAPI CPHashData(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbData, D
 
 BOOL WINAPI CPGetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, BYTE* pbData, DWORD* pdwDataLen,
                            DWORD dwFlags) {
-    Utils::logMessage("CPGetHashParam");
     return guardEntry("CPGetHashParam", [&]() -> BOOL {
         CspContext* context = nullptr;
         HashContext* hash = nullptr;
@@ -182,7 +192,6 @@ BOOL WINAPI CPGetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, BY
 }
 
 BOOL WINAPI CPSetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, const BYTE* pbData, DWORD dwFlags) {
-    Utils::logMessage("CPSetHashParam");
     return guardEntry("CPSetHashParam", [&]() -> BOOL {
         CspContext* context = nullptr;
         HashContext* hash = nullptr;
@@ -209,7 +218,6 @@ BOOL WINAPI CPSetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, co
 }
 
 BOOL WINAPI CPDuplicateHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD*, DWORD dwFlags, HCRYPTHASH* phHash) {
-    Utils::logMessage("CPDuplicateHash");
     return guardEntry("CPDuplicateHash", [&]() -> BOOL {
         if (phHash == nullptr || hProv == 0 || hHash == 0) return failWith(kInvalidParameter);
         if (dwFlags != 0) return failWith(NTE_BAD_FLAGS);
@@ -239,11 +247,10 @@ BOOL WINAPI CPDuplicateHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD*, DWORD dw
 }
 
 BOOL WINAPI CPDestroyHash(HCRYPTPROV hProv, HCRYPTHASH hHash) {
-    Utils::logMessage("CPDestroyHash");
     return guardEntry("CPDestroyHash", [&]() -> BOOL {
         if (contextFromHandle(hProv) == nullptr) return failWith(NTE_BAD_UID);
         if (hHash == 0) return failWith(NTE_BAD_HASH);
-        delete hashFromHandle(hHash);
+        releaseHash(hashFromHandle(hHash));
         return TRUE;
     });
 }

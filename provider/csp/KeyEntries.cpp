@@ -13,6 +13,8 @@
 #include "provider/csp/CspKey.h"
 #include "provider/csp/CspResult.h"
 #include "token/OrvaneDSCLibrary.h"
+#include "token/KeyCertificate.h"
+#include "token/KeyPairFacts.h"
 #include "token/Pin.h"
 #include "token/SharedKeyState.h"
 #include "token/Sessions.h"
@@ -24,55 +26,27 @@ namespace orvane::csp {
 
 bool anyKeySpec = false;
 
-uint32_t keyTypeBits(int32_t keyType) {
-    static const uint32_t bits[] = {0, 1024, 2048, 3072, 4096, 256, 384, 521};
-    return keyType >= 1 && keyType <= 7 ? bits[keyType] : 0;
-}
-
 }  // namespace orvane::csp
 
 namespace {
 
 const ALG_ID kEcSignatureAlgId = CALG_DSS_SIGN;  // what an EC signature key pair reports
 
-bool isEcKeyType(int32_t keyType) { return keyType >= ORVANE_KEY_EC_P256 && keyType <= ORVANE_KEY_EC_P521; }
-
-void fillFromKeyPair(CspKey& key, const OrvaneKeyPair& keyPair) {
-    std::memcpy(key.keyId, keyPair.keyId, sizeof key.keyId);
-    key.keyIdLength = 16;
-    key.usage = static_cast<uint32_t>(keyPair.keyUsage);
-    key.certLinkIdLength = static_cast<uint32_t>(std::clamp(keyPair.certLinkIdLength, 0, 128));
-    std::memcpy(key.certLinkId, keyPair.certLinkId, key.certLinkIdLength);
-    std::memcpy(key.label, keyPair.label, sizeof keyPair.label);
-    key.label[128] = '\0';
-    key.publicKeyLength = static_cast<uint32_t>(std::clamp(keyPair.publicKeyLength, 0, 515));
-    std::memcpy(key.publicKey, keyPair.publicKey, key.publicKeyLength);
-}
-
-std::string keyIdText(const CspKey& key) { return toHex(key.keyId, std::min<size_t>(key.keyIdLength, 16)); }
-
 // The key's certificate: same non-empty label, or the same link bytes (two empty links match).
 BOOL answerCertificate(CspContext& context, const CspKey& key, BYTE* pbData, DWORD* pdwDataLen) {
-    orvane_initDevice(context.serialNumber.c_str(), true, context.libraryContext);
-    std::vector<OrvaneCertificate> certificates =
-        orvane_getCertificateList(context.serialNumber.c_str(), context.libraryContext);
-    for (const OrvaneCertificate& certificate : certificates) {
-        bool sameLabel = certificate.label[0] != '\0' && std::strncmp(certificate.label, key.label, 128) == 0;
-        bool sameLink = static_cast<uint32_t>(certificate.certLinkIdLength) == key.certLinkIdLength &&
-                        std::memcmp(certificate.certLinkId, key.certLinkId, key.certLinkIdLength) == 0;
-        if (!sameLabel && !sameLink) continue;
-        DWORD length = static_cast<DWORD>(std::clamp(certificate.certLength, 0, 3072));
-        return answerBytes(certificate.certData, length, pbData, pdwDataLen,
-                           "CPGetKeyParam - Output buffer length for certificate not enough : ");
+    std::vector<unsigned char> der;
+    if (!findKeyCertificate(context.serialNumber, context.libraryContext, key.pair, CertificateSearch::kLabelOrLink,
+                            der)) {
+        Utils::logError("CPGetKeyParam - Certificate not found");
+        return failWith(NTE_NOT_FOUND);
     }
-    Utils::logError("CPGetKeyParam - Certificate not found");
-    return failWith(NTE_NOT_FOUND);
+    return answerBytes(der.data(), static_cast<DWORD>(der.size()), pbData, pdwDataLen,
+                       "CPGetKeyParam - Output buffer length for certificate not enough : ");
 }
 
 }  // namespace
 
 BOOL WINAPI CPGetUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey) {
-    Utils::logMessage("CPGetUserKey");
     return guardEntry("CPGetUserKey", [&]() -> BOOL {
         if (phUserKey == nullptr || hProv == 0) return failWith(NTE_BAD_KEY);
         CspContext* context = contextFromHandle(hProv);
@@ -84,15 +58,12 @@ BOOL WINAPI CPGetUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey
         Utils::logMessage("CPGetUserKey - Container name : " + context->containerName);
 
         for (const OrvaneKeyPair& keyPair : keyPairs) {
-            if (!context->containerName.empty() && context->containerName != toHex(keyPair.keyId, sizeof keyPair.keyId))
-                continue;
+            if (!context->containerName.empty() && context->containerName != containerNameOf(keyPair)) continue;
             ALG_ID algId = 0;
-            bool signs = keyPair.keyUsage == 1 || keyPair.keyUsage == 3;
-            bool exchanges = keyPair.keyUsage == 2 || keyPair.keyUsage == 3;
-            if ((dwKeySpec == AT_SIGNATURE || anyKeySpec) && signs) {
+            if ((dwKeySpec == AT_SIGNATURE || anyKeySpec) && usageAllowsSigning(keyPair.keyUsage)) {
                 Utils::logMessage("Sign key found");
                 algId = isEcKeyType(keyPair.keyType) ? kEcSignatureAlgId : CALG_RSA_SIGN;
-            } else if ((dwKeySpec == AT_KEYEXCHANGE || anyKeySpec) && exchanges) {
+            } else if ((dwKeySpec == AT_KEYEXCHANGE || anyKeySpec) && usageAllowsExchange(keyPair.keyUsage)) {
                 Utils::logMessage("Encryption key found");
                 algId = CALG_RSA_KEYX;
             } else {
@@ -100,10 +71,8 @@ BOOL WINAPI CPGetUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey
             }
             CspKey* key = new (std::nothrow) CspKey{};
             if (key == nullptr) return failWith(NTE_NO_MEMORY);
-            fillFromKeyPair(*key, keyPair);
+            takeSnapshot(key->pair, keyPair);
             key->algId = algId;
-            key->tokenFlag = keyPair.tokenFlag != 0;
-            key->bitLength = keyTypeBits(keyPair.keyType);
             Utils::logMessage("CPGetUserKey - return key algorithm : " + std::to_string(algId));
             *phUserKey = reinterpret_cast<HCRYPTKEY>(key);
             return TRUE;
@@ -114,7 +83,6 @@ BOOL WINAPI CPGetUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey
 }
 
 BOOL WINAPI CPGenKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* phKey) {
-    Utils::logMessage("CPGenKey");
     return guardEntry("CPGenKey", [&]() -> BOOL {
         if (phKey == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
         *phKey = 0;
@@ -139,10 +107,9 @@ BOOL WINAPI CPGenKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* p
 
         std::unique_ptr<CspKey> key(new (std::nothrow) CspKey{});
         if (!key) return failWith(static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
-        if (!ensurePinValidatedCsp(context->serialNumber, context->libraryContext)) return FALSE;
+        if (!ensurePinOrFail(*context)) return FALSE;
 
         key->algId = Algid;
-        key->bitLength = bits;
         OrvaneKeyPair request{};
         request.keyUsage = usage;
         int result = orvane_generateKeyPair(context->serialNumber.c_str(), getCachedPin(context->serialNumber).c_str(),
@@ -151,8 +118,9 @@ BOOL WINAPI CPGenKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* p
             Utils::logError("RSA Keypair Generation Failed, code=" + std::to_string(result));
             return failWith(NTE_TOKEN_KEYSET_STORAGE_FULL);
         }
-        fillFromKeyPair(*key, request);
-        key->tokenFlag = false;
+        takeSnapshot(key->pair, request);
+        key->pair.bitLength = bits;
+        key->pair.tokenFlag = false;
         *phKey = reinterpret_cast<HCRYPTKEY>(key.release());
         Utils::logMessage("Key generated successfully, Algid=" + std::to_string(Algid) + " bits=" + std::to_string(bits));
         return TRUE;
@@ -160,7 +128,6 @@ BOOL WINAPI CPGenKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* p
 }
 
 BOOL WINAPI CPGetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE* pbData, DWORD* pdwDataLen, DWORD) {
-    Utils::logMessage("CPGetKeyParam");
     return guardEntry("CPGetKeyParam", [&]() -> BOOL {
         CspContext* context = contextFromHandle(hProv);
         if (context == nullptr) return failWith(NTE_BAD_UID);
@@ -168,11 +135,11 @@ BOOL WINAPI CPGetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE*
         if (key == nullptr) return failWith(NTE_BAD_KEY);
         if (pdwDataLen == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
         Utils::logMessage("CPGetKeyParam - dwparam : " + std::to_string(dwParam));
-        Utils::logMessage("CPGetKeyParam - key id : " + keyIdText(*key));
+        Utils::logMessage("CPGetKeyParam - key id : " + toHex(key->pair.keyId, std::min<size_t>(key->pair.keyIdLength, 16)));
 
         switch (dwParam) {
         case KP_PERMISSIONS:
-            return answerDword(key->usage == 2 || key->usage == 3 ? CRYPT_DECRYPT : 0, pbData, pdwDataLen,
+            return answerDword(usageAllowsExchange(key->pair.usage) ? CRYPT_DECRYPT : 0, pbData, pdwDataLen,
                                "CPGetKeyParam - Output buffer length for permission not enough : ");
         case KP_ALGID:
             if (pbData == nullptr || *pdwDataLen == 0) {
@@ -184,7 +151,7 @@ BOOL WINAPI CPGetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE*
             return answerDword(key->algId, pbData, pdwDataLen, "CPGetKeyParam - Output buffer length for alg not enough : ");
         case KP_BLOCKLEN:
         case KP_KEYLEN:
-            return answerDword(key->bitLength, pbData, pdwDataLen,
+            return answerDword(key->pair.bitLength, pbData, pdwDataLen,
                                "CPGetKeyParam - Output buffer length for blocklen not enough : ");
         case KP_CERTIFICATE:
             return answerCertificate(*context, *key, pbData, pdwDataLen);
@@ -196,12 +163,11 @@ BOOL WINAPI CPGetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE*
 }
 
 BOOL WINAPI CPSetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const BYTE* pbData, DWORD dwFlags) {
-    Utils::logMessage("CPSetKeyParam");
     return guardEntry("CPSetKeyParam", [&]() -> BOOL {
         if (contextFromHandle(hProv) == nullptr) return failWith(NTE_BAD_UID);
         CspKey* key = keyFromHandle(hKey);
         if (key == nullptr) return failWith(NTE_BAD_KEY);
-        Utils::logMessage("Set key param key id : " + toHex(key->keyId, 16));
+        Utils::logMessage("Set key param key id : " + toHex(key->pair.keyId, 16));
         Utils::logMessage("Set key param  dwParam : " + std::to_string(dwParam));
         Utils::logMessage("Set key param  dwFlags : " + std::to_string(dwFlags));
         Utils::logMessage("Set key param key algo : " + std::to_string(key->algId));
@@ -210,7 +176,7 @@ BOOL WINAPI CPSetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const
         if (dwParam == KP_IV) {
             // Only AES-256 (16-byte IV) and triple DES (8-byte IV) keys set the shared IV.
             size_t ivLength = key->algId == ORVANE_KEY_AES_256 ? 16 : key->algId == ORVANE_KEY_DES3 ? 8 : 0;
-            if (ivLength != 0) currentIv().assign(pbData, pbData + ivLength);
+            if (ivLength != 0) setCurrentIv(pbData, ivLength);
             return TRUE;
         }
         DWORD firstWord = 0;
@@ -221,11 +187,10 @@ BOOL WINAPI CPSetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const
 }
 
 BOOL WINAPI CPDestroyKey(HCRYPTPROV hProv, HCRYPTKEY hKey) {
-    Utils::logMessage("CPDestroyKey");
     return guardEntry("CPDestroyKey", [&]() -> BOOL {
         if (contextFromHandle(hProv) == nullptr) return failWith(NTE_BAD_UID);
         if (hKey == 0) return failWith(NTE_BAD_KEY);
-        delete keyFromHandle(hKey);
+        releaseKey(keyFromHandle(hKey));
         return TRUE;
     });
 }

@@ -4,25 +4,25 @@
 #include <vector>
 
 #include "diagnostics/Utils.h"
-#include "encoding/Hex.h"
+#include "encoding/ByteOrder.h"
 #include "encoding/PublicKeyForm.h"
 #include "provider/csp/CspBuffers.h"
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
 #include "provider/csp/CspKey.h"
+#include "provider/csp/CspPublicKey.h"
 #include "provider/csp/CspResult.h"
 #include "provider/csp/HashContext.h"
 #include "token/OrvaneDSCLibrary.h"
-#include "token/Pin.h"
+#include "token/KeyPairFacts.h"
+#include "token/PrivateKeyOperations.h"
 
 using namespace orvane;
 using namespace orvane::csp;
 
 namespace {
 
-bool signsOrVerifies(const OrvaneKeyPair& keyPair) { return keyPair.keyUsage == 1 || keyPair.keyUsage == 3; }
-
-std::string keyIdText(const OrvaneKeyPair& keyPair) { return toHex(keyPair.keyId, sizeof keyPair.keyId); }
+bool signsOrVerifies(const OrvaneKeyPair& keyPair) { return usageAllowsSigning(keyPair.keyUsage); }
 
 // Size answered to a size query, by the key type that the key choice put in `mechanism`.
 DWORD signatureSize(uint32_t keyType) { return keyType == 3 ? 384 : keyType == 4 ? 512 : 256; }
@@ -40,7 +40,7 @@ bool chooseSigningKey(const CspContext& context, HashContext& hash) {
     std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(context.serialNumber.c_str(), context.libraryContext);
     bool matched = false;
     for (const OrvaneKeyPair& keyPair : keyPairs) {
-        if (!context.containerName.empty() && keyIdText(keyPair) != context.containerName) continue;
+        if (!context.containerName.empty() && containerNameOf(keyPair) != context.containerName) continue;
         matched = true;
         if (signsOrVerifies(keyPair)) {
             chooseKey(hash, keyPair);
@@ -81,7 +81,7 @@ DWORD containerPublicKey(const CspContext& context, Bytes& der) {
     if (keyPairs.empty()) return static_cast<DWORD>(NTE_BAD_KEY);
     for (const OrvaneKeyPair& keyPair : keyPairs) {
         if (!signsOrVerifies(keyPair)) continue;
-        if (!context.containerName.empty() && keyIdText(keyPair) != context.containerName) continue;
+        if (!context.containerName.empty() && containerNameOf(keyPair) != context.containerName) continue;
         der = modulusAsDer(keyPair.publicKey, static_cast<size_t>(keyPair.publicKeyLength));
         return 0;
     }
@@ -92,7 +92,6 @@ DWORD containerPublicKey(const CspContext& context, Bytes& der) {
 
 BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD, LPCWSTR, DWORD dwFlags, BYTE* pbSignature,
                        DWORD* pdwSigLen) {
-    Utils::logMessage("CPSignHash");
     return guardEntry("CPSignHash", [&]() -> BOOL {
         CspContext* context = contextFromHandle(hProv);
         if (context == nullptr) return failWith(NTE_BAD_UID);
@@ -100,12 +99,8 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD, LPCWSTR, DWORD
         if (hash == nullptr) return failWith(NTE_BAD_HASH);
         if (pdwSigLen == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 
-        if (hash->hashValueLength == 0) {
-            int length = sizeof hash->hashValue;
-            if (orvane_finalHash(hash->libraryHash, hash->hashValue, &length, context->libraryContext) != 0)
-                return failWith(NTE_FAIL);
-            hash->hashValueLength = static_cast<uint32_t>(length);
-        }
+        if (hash->hashValueLength == 0 && !finishLibraryHash(*context, *hash, sizeof hash->hashValue))
+            return failWith(NTE_FAIL);
         // A key chosen by an earlier call on this hash (the size query) is kept.
         if (hash->keyIdLength != 16 && !chooseSigningKey(*context, *hash)) {
             Utils::logMessage("Sign certificate not found");
@@ -116,35 +111,29 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD, LPCWSTR, DWORD
             return TRUE;
         }
 
-        const std::string& serial = context->serialNumber;
-        auto ensurePin = [&] { return ensurePinValidatedCsp(serial, context->libraryContext); };
-        if (!ensurePin()) return FALSE;
+        if (!ensurePinOrFail(*context)) return FALSE;
         Utils::logMessage("CPSignHash dwFlags : " + std::to_string(dwFlags));
         Utils::logMessage("CPSignHash hashAlgorithm : " + std::to_string(hash->hashAlgorithm));
         Utils::logMessage("CPSignHash key mechanism : " + std::to_string(hash->mechanism));
 
-        int signatureLength = 0;
-        SignOnRetryOutcome outcome =
-            runWithSignOnRetry(serial, "CPSignHash: SSO expired, re-prompting for PIN", ensurePin, [&](const std::string& pin) {
-                signatureLength = static_cast<int>(*pdwSigLen);
-                return orvane_signHash(serial.c_str(), hash->keyId, pin.c_str(), hash->hashValue,
-                                       static_cast<int>(hash->hashValueLength), pbSignature, &signatureLength, false,
-                                       context->libraryContext);
-            });
-        if (outcome.pinCheckFailed) return FALSE;
-        if (outcome.result != 0) {
-            Utils::logError("Sign hash failed : " + std::to_string(outcome.result));
+        PrivateKeyCall call{context->serialNumber, context->libraryContext, hash->keyId, false,
+                            "CPSignHash: SSO expired, re-prompting for PIN", [context] { return ensurePinOrFail(*context); }};
+        PrivateKeyResult signature = signOnToken(
+            call, std::vector<unsigned char>(hash->hashValue, hash->hashValue + hash->hashValueLength), *pdwSigLen);
+        if (signature.pinCheckFailed) return FALSE;
+        if (signature.result != 0) {
+            Utils::logError("Sign hash failed : " + std::to_string(signature.result));
             return failWith(NTE_PROVIDER_DLL_FAIL);
         }
-        reverseBytes(pbSignature, static_cast<size_t>(signatureLength));
-        *pdwSigLen = static_cast<DWORD>(signatureLength);
+        reverseBytes(signature.output.data(), signature.output.size());
+        if (!signature.output.empty()) std::memcpy(pbSignature, signature.output.data(), signature.output.size());
+        *pdwSigLen = static_cast<DWORD>(signature.output.size());
         return TRUE;
     });
 }
 
 BOOL WINAPI CPVerifySignature(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbSignature, DWORD cbSigLen,
                               HCRYPTKEY hPubKey, LPCWSTR, DWORD) {
-    Utils::logMessage("CPVerifySignature");
     return guardEntry("CPVerifySignature", [&]() -> BOOL {
         CspContext* context = contextFromHandle(hProv);
         if (context == nullptr) {
@@ -162,17 +151,17 @@ BOOL WINAPI CPVerifySignature(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pb
 
         Bytes publicKey;
         CspKey* key = keyFromHandle(hPubKey);
-        if (key != nullptr && key->publicKeyLength != 0) {
+        if (key != nullptr && key->pair.publicKeyLength != 0) {
             Utils::logMessage("key handle available");
-            publicKey = publicKeyAsDer(key->publicKey, key->publicKeyLength, kVerifyPublicKeyFormLog);
+            publicKey = publicKeyDerOf(*key, "Public key is already DER encoded",
+                                       "Public key is not DER encoded, converting to DER");
         } else {
             Utils::logError("Key Handle Not Initialized or Public Key Length is zero");
             Utils::logMessage("Container name : " + context->containerName);
             if (DWORD failure = containerPublicKey(*context, publicKey)) return failWith(failure);
         }
 
-        std::vector<BYTE> signature(pbSignature, pbSignature + cbSigLen);
-        reverseBytes(signature.data(), signature.size());
+        Bytes signature = reversedCopy(pbSignature, cbSigLen);
         int result = orvane_verifySignatureHash(ORVANE_MECH_SHA1, context->serialNumber.c_str(), hash->hashValue,
                                                 static_cast<int>(hash->hashValueLength), publicKey.data(),
                                                 static_cast<int>(publicKey.size()), signature.data(),

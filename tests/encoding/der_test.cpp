@@ -51,12 +51,12 @@ TEST(DerEncoding, ModulusWithTopBitSetAndWithout) {
 TEST(DerEncoding, StoredKeyFormFollowsTheFirstByte) {
     Bytes der = {0x30, 0x03, 0x02, 0x01, 0x05};
     EXPECT_TRUE(orvane::isStoredPublicKeyDer(der.data(), der.size()));
-    EXPECT_EQ(der, orvane::publicKeyAsDer(der.data(), der.size(), orvane::kCspPublicKeyFormLog));
+    EXPECT_EQ(der, orvane::publicKeyAsDer(der.data(), der.size()));
     EXPECT_TRUE(orvane::isStoredPublicKeyDer(nullptr, 0)) << "an empty key stays empty";
     Bytes modulus(128, 0x9C);
     EXPECT_FALSE(orvane::isStoredPublicKeyDer(modulus.data(), modulus.size()));
     EXPECT_EQ(orvane::encodeRsaPublicKeyDer(orvane::toHex(modulus), "010001"),
-              orvane::publicKeyAsDer(modulus.data(), modulus.size(), orvane::kCspPublicKeyFormLog));
+              orvane::publicKeyAsDer(modulus.data(), modulus.size()));
 }
 
 TEST(DerEncoding, OpenSslReadsTheEncodingAsTheSameRsaKey) {
@@ -89,8 +89,7 @@ TEST(DerEncoding, OpenSslReadsATokenModulusAsTheTokenKey) {
     ASSERT_NE(0x30, keyPair.publicKey[0]) << "the token keeps RSA keys as a bare modulus";
 
     // The token signs; OpenSSL checks the signature with the key as we encoded it.
-    Bytes der = orvane::publicKeyAsDer(keyPair.publicKey, static_cast<size_t>(keyPair.publicKeyLength),
-                                       orvane::kCspPublicKeyFormLog);
+    Bytes der = orvane::publicKeyAsDer(keyPair.publicKey, static_cast<size_t>(keyPair.publicKeyLength));
     Bytes digest(32, 0x42), signature(256);
     int length = 256;
     ASSERT_EQ(0, orvane_signHash("DER-1", keyPair.keyId, "1234", digest.data(), 32, signature.data(), &length, false,

@@ -1,0 +1,51 @@
+#include "token/KeyCertificate.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace orvane {
+namespace {
+
+std::vector<unsigned char> derOf(const OrvaneCertificate& certificate) {
+    size_t length = static_cast<size_t>(std::clamp<int32_t>(certificate.certLength, 0, sizeof certificate.certData));
+    return std::vector<unsigned char>(certificate.certData, certificate.certData + length);
+}
+
+bool certificateHoldsPublicKey(const OrvaneCertificate& certificate, const KeyPairSnapshot& key) {
+    if (key.publicKeyLength == 0) return false;
+    std::vector<unsigned char> der = derOf(certificate);
+    CertificateDetails details;
+    if (orvane_getCertificateDetails(der.data(), static_cast<int>(der.size()), details, nullptr) != 0) return false;
+    return details.publicKey.size() == key.publicKeyLength &&
+           std::memcmp(details.publicKey.data(), key.publicKey, key.publicKeyLength) == 0;
+}
+
+}  // namespace
+
+bool certificateLinkedToKey(const OrvaneCertificate& certificate, const KeyPairSnapshot& key) {
+    bool sameLabel = certificate.label[0] != '\0' && std::strncmp(certificate.label, key.label, 128) == 0;
+    bool sameLink = certificate.certLinkIdLength >= 0 &&
+                    static_cast<uint32_t>(certificate.certLinkIdLength) == key.certLinkIdLength &&
+                    std::memcmp(certificate.certLinkId, key.certLinkId, key.certLinkIdLength) == 0;
+    return sameLabel || sameLink;
+}
+
+bool findKeyCertificate(const std::string& serial, void* libraryContext, const KeyPairSnapshot& key,
+                        CertificateSearch search, std::vector<unsigned char>& der) {
+    orvane_initDevice(serial.c_str(), true, libraryContext);
+    std::vector<OrvaneCertificate> certificates = orvane_getCertificateList(serial.c_str(), libraryContext);
+    for (const OrvaneCertificate& certificate : certificates)
+        if (certificateLinkedToKey(certificate, key)) {
+            der = derOf(certificate);
+            return true;
+        }
+    if (search == CertificateSearch::kLabelOrLinkThenPublicKey)
+        for (const OrvaneCertificate& certificate : certificates)
+            if (certificateHoldsPublicKey(certificate, key)) {
+                der = derOf(certificate);
+                return true;
+            }
+    return false;
+}
+
+}  // namespace orvane

@@ -1,0 +1,25 @@
+// Finding a key's certificate among the certificates on its token.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "token/KeyPairFacts.h"
+
+namespace orvane {
+
+enum class CertificateSearch {
+    kLabelOrLink,             // same non-empty label, or the same link bytes
+    kLabelOrLinkThenPublicKey // failing that, a certificate whose public key is the key's
+};
+
+// A certificate record belongs to a key when its label is non-empty and equals the key's
+// label, or its link has the key's link length and bytes (two empty links match).
+bool certificateLinkedToKey(const OrvaneCertificate& certificate, const KeyPairSnapshot& key);
+
+// Reopens the device (result not examined), reads the certificate list and returns the DER
+// bytes of the first certificate that belongs to the key; false when none does.
+bool findKeyCertificate(const std::string& serial, void* libraryContext, const KeyPairSnapshot& key,
+                        CertificateSearch search, std::vector<unsigned char>& der);
+
+}  // namespace orvane

@@ -1,0 +1,74 @@
+#include "token/PrivateKeyOperations.h"
+
+#include <windows.h>
+
+#include <algorithm>
+
+#include "diagnostics/Utils.h"
+#include "token/OrvaneDSCLibrary.h"
+#include "token/Pin.h"
+
+namespace orvane {
+namespace {
+
+// Larger than any signature the token makes (RSA-4096: 512 bytes), so a library that
+// ignores the length it was told still writes into memory of ours.
+const size_t kSignatureRoom = 1024;
+
+}  // namespace
+
+PrivateKeyResult signOnToken(const PrivateKeyCall& call, const std::vector<unsigned char>& digest, size_t capacity) {
+    PrivateKeyResult outcome;
+    std::vector<unsigned char> buffer(std::max(capacity, kSignatureRoom));
+    int signatureLength = 0;
+    SignOnRetryOutcome run =
+        runWithSignOnRetry(call.serial, call.expiredLogLine, call.ensurePinValidated, [&](const std::string& pin) {
+            signatureLength = static_cast<int>(std::min<size_t>(capacity, 0x7FFFFFFF));
+            return orvane_signHash(call.serial.c_str(), call.keyId, pin.c_str(), digest.data(),
+                                   static_cast<int>(digest.size()), buffer.data(), &signatureLength, call.tokenFlag,
+                                   call.libraryContext);
+        });
+    outcome.pinCheckFailed = run.pinCheckFailed;
+    outcome.result = run.result;
+    if (outcome.pinCheckFailed || outcome.result != 0) return outcome;
+    if (signatureLength < 0 || static_cast<size_t>(signatureLength) > capacity) {
+        outcome.result = kImpossibleLibraryAnswer;
+        return outcome;
+    }
+    outcome.output.assign(buffer.begin(), buffer.begin() + signatureLength);
+    return outcome;
+}
+
+PrivateKeyResult decryptOnToken(const PrivateKeyCall& call, const std::vector<unsigned char>& cipher,
+                                const char* afterCallLogLine) {
+    PrivateKeyResult outcome;
+    unsigned char* plain = nullptr;
+    int plainLength = 0;
+    auto release = [&] {
+        if (plain != nullptr && plainLength > 0) SecureZeroMemory(plain, static_cast<size_t>(plainLength));
+        delete[] plain;
+        plain = nullptr;
+        plainLength = 0;
+    };
+    SignOnRetryOutcome run =
+        runWithSignOnRetry(call.serial, call.expiredLogLine, call.ensurePinValidated, [&](const std::string& pin) {
+            release();
+            int result = orvane_decrypt(call.serial.c_str(), call.keyId, pin.c_str(), cipher.data(),
+                                        static_cast<int>(cipher.size()), &plain, &plainLength, call.tokenFlag,
+                                        call.libraryContext);
+            if (afterCallLogLine != nullptr) Utils::logMessage(afterCallLogLine);
+            return result;
+        });
+    outcome.pinCheckFailed = run.pinCheckFailed;
+    outcome.result = run.result;
+    if (!outcome.pinCheckFailed && outcome.result == 0) {
+        if (plainLength < 0 || (plainLength > 0 && plain == nullptr))
+            outcome.result = kImpossibleLibraryAnswer;
+        else if (plainLength > 0)
+            outcome.output.assign(plain, plain + plainLength);
+    }
+    release();
+    return outcome;
+}
+
+}  // namespace orvane
