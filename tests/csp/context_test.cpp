@@ -8,6 +8,7 @@
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
 #include "softtoken/SoftTokenAdmin.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/ProviderSupport.h"
 #include "tests/support/TestSupport.h"
 
@@ -46,8 +47,7 @@ TEST(CspAcquireContext, WithoutATokenFailsAndLogsWhy) {
     useFreshStore("none");
     std::string before = readProviderLog();
     HCRYPTPROV provider = 0;
-    EXPECT_FALSE(acquire(provider, nullptr));
-    EXPECT_EQ(kNoUsableToken, GetLastError());
+    EXPECT_TRUE(failsWith(acquire(provider, nullptr), kNoUsableToken));
     std::string written = logSince(before);
     EXPECT_NE(std::string::npos, written.find("->DEBUG ::=>CPAcquireContext\n"));
     EXPECT_NE(std::string::npos, written.find("->ERROR ::=>Valid token not connected\n")) << written;
@@ -125,19 +125,15 @@ TEST(CspReleaseContext, RefusesFlagsAndBadHandlesAndKeepsTheContext) {
     CspContext* context = acquireDirect(nullptr);
     ASSERT_NE(nullptr, context);
     SetLastError(0);
-    EXPECT_FALSE(release(reinterpret_cast<HCRYPTPROV>(context), 1));
-    EXPECT_EQ(static_cast<DWORD>(NTE_BAD_FLAGS), GetLastError());
+    EXPECT_TRUE(failsWith(release(reinterpret_cast<HCRYPTPROV>(context), 1), NTE_BAD_FLAGS));
     EXPECT_TRUE(context->isInitialized) << "still usable";
-    EXPECT_FALSE(release(0, 0));
-    EXPECT_EQ(static_cast<DWORD>(NTE_BAD_UID), GetLastError());
+    EXPECT_TRUE(failsWith(release(0, 0), NTE_BAD_UID));
     EXPECT_TRUE(release(reinterpret_cast<HCRYPTPROV>(context), 0));
 
     HCRYPTPROV handle = 0;
     VTableProvStruc table{};
-    EXPECT_FALSE(acquireExport(nullptr, nullptr, 0, &table));
-    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), GetLastError());
-    EXPECT_FALSE(acquireExport(&handle, nullptr, 0, nullptr));
-    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), GetLastError());
+    EXPECT_TRUE(failsWith(acquireExport(nullptr, nullptr, 0, &table), ERROR_INVALID_PARAMETER));
+    EXPECT_TRUE(failsWith(acquireExport(&handle, nullptr, 0, nullptr), ERROR_INVALID_PARAMETER));
     EXPECT_EQ(0u, handle);
 }
 

@@ -8,6 +8,7 @@
 #include "encoding/Hex.h"
 #include "provider/csp/CspInterface.h"
 #include "softtoken/SoftTokenAdmin.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/ProviderSupport.h"
 #include "tests/support/TestSupport.h"
 #include "token/OrvaneDSCLibrary.h"
@@ -18,18 +19,6 @@ namespace admin = softtoken::admin;
 namespace {
 
 #define CSP_EXPORT(name) decltype(&::name) const name = providerFunction<decltype(&::name)>(#name)
-
-// "FALSE with this last error" in one line.
-::testing::AssertionResult failsWith(BOOL result, DWORD expected) {
-    DWORD error = GetLastError();
-    if (!result && error == expected) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "result " << result << ", last error 0x" << std::hex << error
-                                         << ", expected 0x" << expected;
-}
-
-::testing::AssertionResult failsWith(BOOL result, HRESULT expected) {
-    return failsWith(result, static_cast<DWORD>(expected));
-}
 
 class CspEntryRules : public ::testing::Test {
 protected:

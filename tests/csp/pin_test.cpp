@@ -138,4 +138,30 @@ TEST(PinDialog, ExpiredSignOnPromptsOnceAndRetriesOnce) {
     }
 }
 
+TEST(PinDialog, ExpiredSignOnDuringDecryptionPromptsOnceAndRetriesOnce) {
+    newToken("PIN-DECRYPT");
+    HCRYPTPROV provider = 0;
+    ASSERT_TRUE(CryptAcquireContextA(&provider, nullptr, kProviderName, PROV_RSA_FULL, 0));
+    HCRYPTKEY key = 0;
+    ASSERT_TRUE(CryptGetUserKey(provider, AT_KEYEXCHANGE, &key));
+    BYTE buffer[128] = "expiring";
+    DWORD length = 9;
+    {
+        UiDriver user({UiStep::enterPin("1234")});
+        ASSERT_TRUE(CryptEncrypt(key, 0, TRUE, 0, buffer, &length, sizeof buffer)) << std::hex << GetLastError();
+        EXPECT_EQ(Seen{"pin dialog"}, user.finish());
+    }
+    int decryptions = admin::callCount("orvane_decrypt");
+    ASSERT_EQ(0, admin::injectFault("orvane_decrypt", 1, ORVANE_SSO_EXPIRED));
+    {
+        UiDriver user({UiStep::enterPin("1234")});
+        ASSERT_TRUE(CryptDecrypt(key, 0, TRUE, 0, buffer, &length)) << std::hex << GetLastError();
+        EXPECT_EQ(Seen{"pin dialog"}, user.finish());
+    }
+    EXPECT_EQ("expiring", std::string(reinterpret_cast<char*>(buffer), length - 1));
+    EXPECT_EQ(decryptions + 2, admin::callCount("orvane_decrypt"));
+    CryptDestroyKey(key);
+    CryptReleaseContext(provider, 0);
+}
+
 }  // namespace

@@ -1,12 +1,16 @@
-// The log writer and the container lookup, linked in directly.
+// The face-neutral core linked in directly: the log writer, the session table, the
+// container lookup and the certificate lookup.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <regex>
 
 #include "diagnostics/Utils.h"
 #include "softtoken/SoftTokenAdmin.h"
 #include "tests/support/ProviderSupport.h"
 #include "tests/support/TestSupport.h"
+#include "token/KeyCertificate.h"
 #include "token/Sessions.h"
 
 using namespace orvanetest;
@@ -88,6 +92,58 @@ TEST(ContainerLookup, FindsTheTokenHoldingTheKeyAndFallsBackToTheFirst) {
     for (wchar_t& unit : wide)
         if (unit == L'A') unit = 0x0141;
     EXPECT_EQ("LOOK-B", orvane::findSerialForContainer(wide));
+}
+
+TEST(SessionTable, PinAndDeviceStateLiveApartAndForgettingAPinCreatesNothing) {
+    const std::string serial = "SESSION-RULES";
+    orvane::clearPin(serial);
+    EXPECT_FALSE(orvane::isPinValidated(serial));
+    EXPECT_EQ("", orvane::getCachedPin(serial));
+    std::vector<std::string> removed = orvane::removeSessionsExcept({});
+    EXPECT_EQ(removed.end(), std::find(removed.begin(), removed.end(), serial)) << "clearPin made an entry";
+
+    orvane::markDeviceInitialized(serial);
+    orvane::storeValidatedPin(serial, "1234");
+    EXPECT_TRUE(orvane::isPinValidated(serial));
+    EXPECT_EQ("1234", orvane::getCachedPin(serial));
+    orvane::clearPin(serial);
+    EXPECT_FALSE(orvane::isPinValidated(serial));
+    EXPECT_EQ("", orvane::getCachedPin(serial));
+    EXPECT_TRUE(orvane::isDeviceInitialized(serial)) << "forgetting the PIN keeps the device initialised";
+
+    // Single sign-on stands in for the PIN: validated, with nothing cached.
+    orvane::storeValidatedPin(serial, "");
+    EXPECT_TRUE(orvane::isPinValidated(serial));
+    orvane::removeSession(serial);
+    EXPECT_FALSE(orvane::isDeviceInitialized(serial));
+    EXPECT_FALSE(orvane::isPinValidated(serial));
+}
+
+TEST(KeyCertificateLookup, LabelOrLinkFirstAndThePublicKeyOnlyWhenAsked) {
+    useFreshStore("certificates");
+    ASSERT_EQ(0, admin::createToken("CERT-1", "Certificates", "1234", 5));
+    ProvisionedKey key = provisionKeyWithCertificate("CERT-1", ORVANE_KEY_EC_P256, 1);
+    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList("CERT-1", nullptr);
+    ASSERT_EQ(1u, keyPairs.size());
+    orvane::KeyPairSnapshot snapshot{};
+    orvane::takeSnapshot(snapshot, keyPairs[0]);
+    std::vector<unsigned char> der;
+    using orvane::CertificateSearch;
+    ASSERT_TRUE(orvane::findKeyCertificate("CERT-1", nullptr, snapshot, CertificateSearch::kLabelOrLink, der));
+    EXPECT_EQ(readFile(key.certificateFile), der);
+
+    // A key whose link and label tell nothing is found by its public key, and only when asked.
+    snapshot.certLinkIdLength = 3;
+    std::memcpy(snapshot.certLinkId, "xyz", 3);
+    std::strcpy(snapshot.label, "unrelated");
+    der.clear();
+    EXPECT_FALSE(orvane::findKeyCertificate("CERT-1", nullptr, snapshot, CertificateSearch::kLabelOrLink, der));
+    ASSERT_TRUE(
+        orvane::findKeyCertificate("CERT-1", nullptr, snapshot, CertificateSearch::kLabelOrLinkThenPublicKey, der));
+    EXPECT_EQ(readFile(key.certificateFile), der);
+    snapshot.publicKey[10] ^= 1;
+    EXPECT_FALSE(
+        orvane::findKeyCertificate("CERT-1", nullptr, snapshot, CertificateSearch::kLabelOrLinkThenPublicKey, der));
 }
 
 }  // namespace
