@@ -37,17 +37,20 @@ for key in "$signing_key" "$ec_key"; do
         -days 365 -outform DER -out "$key.cert.der"
     echo "certificate for $key linked to key pair $(tool import-cert DEMO-0001 "$demo/$key.cert.der")"
 done
+# The CA's certificate on the token too, so that the container's chain reaches its root.
+openssl x509 -in ca.pem -outform DER -out ca.der
+tool import-cert DEMO-0001 "$demo/ca.der" --label "Orvane Demo CA" >/dev/null
 cd "$root"
 
 step "Token contents"
 tool list
 
-step "Signing a file through CryptoAPI with the token key (the PIN dialog is answered on an Xvfb display)"
+step "Listing the containers, signing a file and exporting the chain through CryptoAPI (the PIN dialog is answered on an Xvfb display)"
 printf 'Orvane demo document, signed on %s\n' "$(date -u)" > "$demo/document.txt"
 # Windows need a wineserver that was started on the display: let the current one exit first.
 wineserver -w
 xvfb-run -a sh -c "wine '$root/build/bin/orvane-demo.exe' $signing_key '$demo/document.txt' '$demo/document.sig' \
-    '$demo/signing-cert.der' --answer-pin 1234; status=\$?; wineserver -w; exit \$status"
+    '$demo/signing-cert.der' '$demo/chain.p7b' --answer-pin 1234; status=\$?; wineserver -w; exit \$status"
 
 step "Verifying the signature with OpenSSL against the certificate that CryptoAPI returned"
 openssl x509 -inform DER -in "$demo/signing-cert.der" -noout -subject -issuer

@@ -36,7 +36,7 @@ struct KeyPairSnapshot {
     char label[129];  // always NUL-terminated
     uint32_t bitLength;
     bool tokenFlag;
-    uint8_t publicKey[515];  // bare modulus from the token, or DER
+    uint8_t publicKey[1024];  // bare modulus from the token, or DER (an imported RSA-4096 key is 550 bytes)
     uint32_t publicKeyLength;
 };
 

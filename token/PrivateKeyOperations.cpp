@@ -7,6 +7,7 @@
 #include "diagnostics/Utils.h"
 #include "token/OrvaneDSCLibrary.h"
 #include "token/Pin.h"
+#include "token/Sessions.h"
 
 namespace orvane {
 namespace {
@@ -15,14 +16,24 @@ namespace {
 // ignores the length it was told still writes into memory of ours.
 const size_t kSignatureRoom = 1024;
 
+// Once with the cached PIN, and once more after an expired sign-on when the call allows it.
+SignOnRetryOutcome runPrivateKeyOperation(const PrivateKeyCall& call,
+                                          const std::function<int(const std::string& pin)>& operation) {
+    if (call.expiredLogLine == nullptr) {
+        SignOnRetryOutcome once;
+        once.result = operation(getCachedPin(call.serial));
+        return once;
+    }
+    return runWithSignOnRetry(call.serial, call.expiredLogLine, call.ensurePinValidated, operation);
+}
+
 }  // namespace
 
 PrivateKeyResult signOnToken(const PrivateKeyCall& call, const std::vector<unsigned char>& digest, size_t capacity) {
     PrivateKeyResult outcome;
     std::vector<unsigned char> buffer(std::max(capacity, kSignatureRoom));
     int signatureLength = 0;
-    SignOnRetryOutcome run =
-        runWithSignOnRetry(call.serial, call.expiredLogLine, call.ensurePinValidated, [&](const std::string& pin) {
+    SignOnRetryOutcome run = runPrivateKeyOperation(call, [&](const std::string& pin) {
             signatureLength = static_cast<int>(std::min<size_t>(capacity, 0x7FFFFFFF));
             return orvane_signHash(call.serial.c_str(), call.keyId, pin.c_str(), digest.data(),
                                    static_cast<int>(digest.size()), buffer.data(), &signatureLength, call.tokenFlag,
@@ -50,8 +61,7 @@ PrivateKeyResult decryptOnToken(const PrivateKeyCall& call, const std::vector<un
         plain = nullptr;
         plainLength = 0;
     };
-    SignOnRetryOutcome run =
-        runWithSignOnRetry(call.serial, call.expiredLogLine, call.ensurePinValidated, [&](const std::string& pin) {
+    SignOnRetryOutcome run = runPrivateKeyOperation(call, [&](const std::string& pin) {
             release();
             int result = orvane_decrypt(call.serial.c_str(), call.keyId, pin.c_str(), cipher.data(),
                                         static_cast<int>(cipher.size()), &plain, &plainLength, call.tokenFlag,

@@ -23,7 +23,7 @@ struct PrivateKeyCall {
     void* libraryContext;
     const unsigned char* keyId;  // 16 bytes
     bool tokenFlag;
-    const char* expiredLogLine;  // written when the sign-on expired
+    const char* expiredLogLine;  // written when the sign-on expired; null: no retry at all
     std::function<bool()> ensurePinValidated;
 };
 

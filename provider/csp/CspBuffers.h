@@ -33,4 +33,16 @@ inline BOOL answerDword(DWORD value, BYTE* pbData, DWORD* pdwDataLen, const char
     return answerBytes(&value, sizeof value, pbData, pdwDataLen, shortLogText);
 }
 
+// A 4-byte answer that succeeds whether or not it was written: a missing or short buffer
+// gets the size and ERROR_MORE_DATA with TRUE, after the ordinary log line shortLogText.
+inline BOOL answerDwordOrMoreData(DWORD value, BYTE* pbData, DWORD* pdwDataLen, const char* shortLogText = nullptr) {
+    bool written = pbData != nullptr && *pdwDataLen >= sizeof value;
+    if (written) std::memcpy(pbData, &value, sizeof value);
+    *pdwDataLen = sizeof value;
+    if (written) return TRUE;
+    if (shortLogText) Utils::logMessage(shortLogText);
+    SetLastError(ERROR_MORE_DATA);
+    return TRUE;
+}
+
 }  // namespace orvane::csp

@@ -5,6 +5,7 @@
 #include <windows.h>
 #include <wincrypt.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -25,6 +26,10 @@ struct CspContext {
     uint64_t containerEnumIndex = 0;
     std::vector<std::string> containerNames;  // hex key ids of the token's key pairs at acquire time
 };
+
+// Process-wide: random numbers come from the token's hardware generator unless a caller
+// switched it off through PP_USE_HARDWARE_RNG.
+extern std::atomic<bool> useHardwareRng;
 
 // The context behind a handle, or null for a null or not yet initialised one.
 inline CspContext* contextFromHandle(HCRYPTPROV handle) {

@@ -267,4 +267,39 @@ TEST_F(CspCryptoTest, KeyCertificateComesFromTheToken) {
     CryptDestroyKey(key);
 }
 
+TEST_F(CspCryptoTest, TokenIsAskedForWhatTheCallerAskedFor) {
+    Container container(rsa2048_.keyId);
+    HCRYPTKEY key = 0;
+    ASSERT_TRUE(CryptGetUserKey(container.handle(), AT_KEYEXCHANGE, &key));
+    for (DWORD flags : {0ul, static_cast<unsigned long>(CRYPT_OAEP)}) {
+        BYTE buffer[256] = "padding";
+        DWORD used = 8;
+        ASSERT_TRUE(CryptEncrypt(key, 0, TRUE, flags, buffer, &used, sizeof buffer)) << std::hex << GetLastError();
+        auto encrypt = admin::lastArguments("orvane_encrypt");
+        EXPECT_EQ(flags ? PADDING_OAEP : PADDING_PKCS1, encrypt["padding"]) << "flags " << flags;
+        EXPECT_EQ(ENCRYPTION_RSA_2048, encrypt["type"]);
+        EXPECT_EQ(8, encrypt["plainLength"]);
+        ASSERT_TRUE(CryptDecrypt(key, 0, TRUE, flags, buffer, &used)) << std::hex << GetLastError();
+        EXPECT_EQ(256, admin::lastArguments("orvane_decrypt")["cipherLength"]);
+        EXPECT_EQ("padding", std::string(reinterpret_cast<char*>(buffer)));
+    }
+    CryptDestroyKey(key);
+
+    struct Case {
+        ALG_ID algorithm;
+        int mechanism;
+        int digestLength;
+    };
+    for (Case c : {Case{CALG_SHA1, ORVANE_MECH_SHA1, 20}, Case{CALG_SHA_256, ORVANE_MECH_SHA256, 32},
+                   Case{CALG_SHA_384, ORVANE_MECH_SHA384, 48}, Case{CALG_SHA_512, ORVANE_MECH_SHA512, 64}}) {
+        HCRYPTHASH hash = container.hashOf(c.algorithm, "mechanisms");
+        EXPECT_EQ(c.mechanism, admin::lastArguments("orvane_initHash")["mechanism"]);
+        container.sign(hash);
+        auto sign = admin::lastArguments("orvane_signHash");
+        EXPECT_EQ(c.digestLength, sign["hashLength"]) << "the bare digest";
+        EXPECT_EQ(0, sign["flag"]);
+        CryptDestroyHash(hash);
+    }
+}
+
 }  // namespace

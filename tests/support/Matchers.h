@@ -5,13 +5,17 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 namespace orvanetest {
 
 inline ::testing::AssertionResult failsWith(BOOL result, DWORD expected) {
     DWORD error = GetLastError();
     if (!result && error == expected) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "result " << result << ", last error 0x" << std::hex << error
-                                         << ", expected 0x" << expected;
+    char text[96];
+    std::snprintf(text, sizeof text, "result %d, last error 0x%lX, expected 0x%lX", static_cast<int>(result),
+                  static_cast<unsigned long>(error), static_cast<unsigned long>(expected));
+    return ::testing::AssertionFailure() << text;
 }
 
 inline ::testing::AssertionResult failsWith(BOOL result, HRESULT expected) {

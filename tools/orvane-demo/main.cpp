@@ -1,8 +1,9 @@
-// orvane-demo: an ordinary CryptoAPI application. It signs a file with a key on the token
-// through "Orvane Cryptographic Provider CSP", writes the signature (big-endian, as OpenSSL
-// expects) and the key's certificate, and checks the signature through CryptoAPI too.
+// orvane-demo: an ordinary CryptoAPI application. It lists the token's containers, signs a
+// file with a key on the token through "Orvane Cryptographic Provider CSP", writes the
+// signature (big-endian, as OpenSSL expects), the key's certificate and the container's
+// certificate chain (PKCS#7), and checks the signature through CryptoAPI too.
 //
-//   orvane-demo CONTAINER FILE SIGNATURE_OUT CERTIFICATE_OUT [--answer-pin PIN]
+//   orvane-demo CONTAINER FILE SIGNATURE_OUT CERTIFICATE_OUT CHAIN_OUT [--answer-pin PIN]
 //
 // CONTAINER is a key id in hex, or "-" for the token's first key. With --answer-pin a
 // background thread types the PIN into the provider's dialog, as a user would.
@@ -41,46 +42,45 @@ bool writeFile(const std::string& path, const std::vector<BYTE>& bytes) {
     return static_cast<bool>(file);
 }
 
-// The provider logs the containers it found on the token when a context is opened.
-void printContainersFromLog(size_t logSizeBefore, const std::string& logPath) {
-    std::ifstream file(logPath, std::ios::binary);
-    std::string log((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    std::string added = log.size() > logSizeBefore ? log.substr(logSizeBefore) : std::string();
-    const std::string marker = "DEBUG ::=>";
-    for (size_t start = 0; start < added.size();) {
-        size_t end = added.find('\n', start);
-        std::string line = added.substr(start, end == std::string::npos ? std::string::npos : end - start);
-        size_t text = line.find(marker);
-        if (text != std::string::npos) {
-            std::string message = line.substr(text + marker.size());
-            if (message.size() == 32 && message.find_first_not_of("0123456789ABCDEF") == std::string::npos)
-                std::printf("  container %s\n", message.c_str());
-        }
-        if (end == std::string::npos) break;
-        start = end + 1;
+// The containers as a management tool lists them: PP_ENUMCONTAINERS from CRYPT_FIRST on.
+void printContainers(HCRYPTPROV provider) {
+    char name[256];
+    for (DWORD flags = CRYPT_FIRST;; flags = CRYPT_NEXT) {
+        DWORD size = sizeof name;
+        if (!CryptGetProvParam(provider, PP_ENUMCONTAINERS, reinterpret_cast<BYTE*>(name), &size, flags)) break;
+        std::printf("  container %s\n", name);
     }
 }
 
-std::string providerLogPath() {
-    char temp[MAX_PATH];
-    GetTempPathA(sizeof temp, temp);
-    SYSTEMTIME today;
-    GetLocalTime(&today);
-    char name[64];
-    std::snprintf(name, sizeof name, "/Kestrelon/orvane-demo.exe/%04d-%02d-%02d.LOG", today.wYear, today.wMonth, today.wDay);
-    return std::string(temp) + name;
-}
-
-size_t fileSize(const std::string& path) {
-    std::ifstream file(path, std::ios::binary | std::ios::ate);
-    return file ? static_cast<size_t>(file.tellg()) : 0;
+// PP_CERTCHAIN as a degenerate PKCS#7 message. Wine's crypt32 leaves the empty SETs of a
+// message without signers out, which OpenSSL refuses, so the chain is read back here with
+// crypt32 and each certificate's subject is printed, root first as the message holds them.
+bool exportChain(HCRYPTPROV provider, const std::string& path) {
+    DWORD size = 0;
+    if (!CryptGetProvParam(provider, PP_CERTCHAIN, nullptr, &size, 0)) return false;
+    std::vector<BYTE> chain(size);
+    if (!CryptGetProvParam(provider, PP_CERTCHAIN, chain.data(), &size, 0)) return false;
+    chain.resize(size);
+    if (!writeFile(path, chain)) return false;
+    CRYPT_DATA_BLOB blob{size, chain.data()};
+    HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_PKCS7, X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, 0, &blob);
+    if (store == nullptr) return false;
+    std::printf("Wrote %s (PKCS#7, %lu bytes); crypt32 reads these certificates from it:\n", path.c_str(), size);
+    PCCERT_CONTEXT certificate = nullptr;
+    while ((certificate = CertEnumCertificatesInStore(store, certificate)) != nullptr) {
+        char subject[256];
+        CertNameToStrA(X509_ASN_ENCODING, &certificate->pCertInfo->Subject, CERT_X500_NAME_STR, subject, sizeof subject);
+        std::printf("  %s\n", subject);
+    }
+    CertCloseStore(store, 0);
+    return true;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 5 && argc != 7) {
-        std::fprintf(stderr, "usage: orvane-demo CONTAINER FILE SIGNATURE_OUT CERTIFICATE_OUT [--answer-pin PIN]\n");
+    if (argc != 6 && argc != 8) {
+        std::fprintf(stderr, "usage: orvane-demo CONTAINER FILE SIGNATURE_OUT CERTIFICATE_OUT CHAIN_OUT [--answer-pin PIN]\n");
         return 2;
     }
     std::string container = argv[1];
@@ -89,15 +89,13 @@ int main(int argc, char** argv) {
     if (!input.good() && !input.eof()) return fail(std::string("reading ") + argv[2]);
 
     std::unique_ptr<desktop::UiDriver> user;
-    if (argc == 7) user.reset(new desktop::UiDriver({desktop::UiStep::enterPin(argv[6])}, 60000));
+    if (argc == 8) user.reset(new desktop::UiDriver({desktop::UiStep::enterPin(argv[7])}, 60000));
 
-    std::string logPath = providerLogPath();
-    size_t logBefore = fileSize(logPath);
     HCRYPTPROV provider = 0;
     if (!CryptAcquireContextA(&provider, container == "-" ? nullptr : container.c_str(), kProviderName, PROV_RSA_FULL, 0))
         return fail("CryptAcquireContext");
     std::printf("Acquired a CryptoAPI context from \"%s\"; the token holds:\n", kProviderName);
-    printContainersFromLog(logBefore, logPath);
+    printContainers(provider);
 
     HCRYPTHASH hash = 0;
     if (!CryptCreateHash(provider, CALG_SHA_256, 0, 0, &hash)) return fail("CryptCreateHash");
@@ -129,6 +127,7 @@ int main(int argc, char** argv) {
     std::vector<BYTE> bigEndian(signature.rbegin(), signature.rend());
     if (!writeFile(argv[3], bigEndian) || !writeFile(argv[4], certificate)) return fail("writing the output files");
     std::printf("Wrote %s (signature) and %s (the key's certificate from the token).\n", argv[3], argv[4]);
+    if (!exportChain(provider, argv[5])) return fail("CryptGetProvParam (PP_CERTCHAIN)");
 
     CryptDestroyHash(check);
     CryptDestroyHash(hash);

@@ -1,0 +1,246 @@
+// CPExportKey (the public half of a token RSA-2048 key pair as a PUBLICKEYBLOB) and
+// CPImportKey (RSA public keys, session keys encrypted to a token key, plaintext AES keys
+// and AES keys wrapped under a token KEK). The blob reading itself is in encoding/KeyBlobs.
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "diagnostics/Utils.h"
+#include "encoding/ByteOrder.h"
+#include "encoding/Der.h"
+#include "encoding/Hex.h"
+#include "encoding/KeyBlobs.h"
+#include "provider/csp/CspContext.h"
+#include "provider/csp/CspInterface.h"
+#include "provider/csp/CspKey.h"
+#include "provider/csp/CspResult.h"
+#include "token/KeyUnwrap.h"
+#include "token/OrvaneDSCLibrary.h"
+#include "token/PrivateKeyOperations.h"
+#include "token/Sessions.h"
+
+using namespace orvane;
+using namespace orvane::csp;
+namespace blobs = orvane::blobs;
+
+namespace {
+
+const int32_t kExportableKeyType = ORVANE_KEY_RSA_2048;  // only RSA-2048 public keys are handed out
+
+BOOL exportPublicKey(CspContext& context, const CspKey& key, BYTE* pbData, DWORD* pdwDataLen) {
+    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(context.serialNumber.c_str(), context.libraryContext);
+    const OrvaneKeyPair* keyPair = nullptr;
+    for (const OrvaneKeyPair& candidate : keyPairs)
+        if (std::memcmp(candidate.keyId, key.pair.keyId, sizeof candidate.keyId) == 0) {
+            keyPair = &candidate;
+            break;
+        }
+    if (keyPair == nullptr || keyPair->keyType != kExportableKeyType) return failWith(NTE_BAD_KEY);
+    size_t modulusLength = static_cast<size_t>(std::clamp<int32_t>(keyPair->publicKeyLength, 0, sizeof keyPair->publicKey));
+    DWORD size = static_cast<DWORD>(20 + modulusLength);
+    if (pbData == nullptr) {
+        *pdwDataLen = size;
+        SetLastError(ERROR_MORE_DATA);
+        Utils::logMessage("Emport public key more data required");
+        return TRUE;
+    }
+    if (*pdwDataLen < size) {
+        *pdwDataLen = size;
+        return failWith(static_cast<DWORD>(ERROR_MORE_DATA));
+    }
+    Utils::logMessage("key usage : " + std::to_string(key.algId));
+    blobs::Bytes blob = blobs::encodeRsaPublicKeyBlob(key.algId, keyPair->publicKey, modulusLength);
+    std::memcpy(pbData, blob.data(), blob.size());
+    *pdwDataLen = size;
+    SetLastError(0);
+    return TRUE;
+}
+
+std::unique_ptr<CspKey> newKey() {
+    std::unique_ptr<CspKey> key(new CspKey{});
+    key->pair.keyIdLength = 16;
+    return key;
+}
+
+BOOL handOut(std::unique_ptr<CspKey> key, HCRYPTKEY* phKey, const char* successLogLine) {
+    *phKey = reinterpret_cast<HCRYPTKEY>(key.release());
+    Utils::logMessage(successLogLine);
+    return TRUE;
+}
+
+// A handle for a symmetric key the token has just stored.
+std::unique_ptr<CspKey> keyForStoredSecret(const OrvaneSymmetricKey& stored, uint32_t algId) {
+    std::unique_ptr<CspKey> key = newKey();
+    std::memcpy(key->pair.keyId, stored.keyId, sizeof key->pair.keyId);
+    std::memcpy(key->pair.label, stored.label, sizeof stored.label);
+    key->pair.label[sizeof key->pair.label - 1] = '\0';
+    key->pair.tokenFlag = stored.keyFlag;
+    key->algId = algId;
+    return key;
+}
+
+BOOL importPublicKey(const BYTE* pbData, DWORD dwDataLen, HCRYPTKEY* phKey) {
+    blobs::RsaPublicKey parsed;
+    blobs::RsaBlobRefusal refusal = blobs::parseRsaPublicKeyBlob(pbData, dwDataLen, parsed);
+    if (refusal == blobs::RsaBlobRefusal::kBadMagic || refusal == blobs::RsaBlobRefusal::kModulusBeyondBlob)
+        return failWith(NTE_BAD_DATA);
+    Utils::logMessage("Public exponent : " + toHex(parsed.exponent, sizeof parsed.exponent));
+    Bytes der = encodeRsaPublicKeyDer(toHex(parsed.modulus), toHex(parsed.exponent, sizeof parsed.exponent));
+    if (refusal == blobs::RsaBlobRefusal::kUnsupportedSize) {
+        Utils::logError("Unsupported RSA key size");
+        return failWith(NTE_BAD_DATA);
+    }
+    std::unique_ptr<CspKey> key = newKey();
+    if (der.size() > sizeof key->pair.publicKey) return failWith(NTE_BAD_DATA);
+    std::memcpy(key->pair.publicKey, der.data(), der.size());
+    key->pair.publicKeyLength = static_cast<uint32_t>(der.size());
+    key->pair.bitLength = parsed.bitLength;
+    key->algId = static_cast<uint32_t>(blobs::rsaKeyTypeForBits(parsed.bitLength));
+    return handOut(std::move(key), phKey, "PUBLICKEYBLOB imported successfully");
+}
+
+BOOL importSessionKey(CspContext& context, const blobs::BlobHeader& header, const BYTE* pbData, DWORD dwDataLen,
+                      HCRYPTKEY hPubKey, HCRYPTKEY* phKey) {
+    CspKey* unwrapping = keyFromHandle(hPubKey);
+    if (unwrapping == nullptr) {
+        Utils::logError("SIMPLEBLOB requires public key handle");
+        return failWith(NTE_BAD_TYPE);
+    }
+    Utils::logMessage("Input key id : " + toHex(unwrapping->pair.keyId, sizeof unwrapping->pair.keyId));
+    Bytes encrypted = blobs::simpleBlobPayload(pbData, dwDataLen);
+    // CryptoAPI order first; a key encrypted in the token's own order is accepted as well.
+    PrivateKeyCall call{context.serialNumber, context.libraryContext, reinterpret_cast<const unsigned char*>(unwrapping),
+                        unwrapping->pair.tokenFlag, nullptr, nullptr};
+    PrivateKeyResult decrypted = decryptOnToken(call, reversedCopy(encrypted.data(), encrypted.size()), nullptr);
+    if (decrypted.result != 0) {
+        Utils::logError("SIMPLEBLOB decryption failed");
+        decrypted = decryptOnToken(call, encrypted, nullptr);
+        if (decrypted.result != 0) {
+            Utils::logError("SIMPLEBLOB decryption failed");
+            return failWith(NTE_PROVIDER_DLL_FAIL);
+        }
+    }
+    int32_t keyType = blobs::sessionKeyTypeForAlgId(header.algId);
+    if (keyType == 0) {
+        Utils::logError("Unsupported algorithm for SIMPLEBLOB: " + std::to_string(header.algId));
+        return failWith(NTE_BAD_ALGID);
+    }
+    std::unique_ptr<CspKey> key = newKey();
+    if (decrypted.output.size() > sizeof key->symmetricKey) return failWith(NTE_BAD_DATA);
+    std::memcpy(key->symmetricKey, decrypted.output.data(), decrypted.output.size());
+    key->symmetricKeyLength = static_cast<uint32_t>(decrypted.output.size());
+    SecureZeroMemory(decrypted.output.data(), decrypted.output.size());
+    key->algId = static_cast<uint32_t>(keyType);
+    Utils::logMessage("Output key id : " + toHex(key->pair.keyId, sizeof key->pair.keyId));
+    return handOut(std::move(key), phKey, "SIMPLEBLOB imported successfully (AES)");
+}
+
+BOOL importPlaintextKey(CspContext& context, const blobs::BlobHeader& header, const BYTE* pbData, DWORD dwDataLen,
+                        HCRYPTKEY* phKey) {
+    int32_t keyType = header.algId == CALG_AES_128 ? ORVANE_KEY_AES_128 : header.algId == CALG_AES_256 ? ORVANE_KEY_AES_256 : 0;
+    if (keyType == 0) {
+        Utils::logError("Unsupported algorithm for PLAINTEXTKEYBLOB: " + std::to_string(header.algId));
+        return failWith(NTE_BAD_ALGID);
+    }
+    Bytes keyBytes = blobs::simpleBlobPayload(pbData, dwDataLen);
+    OrvaneSymmetricKey record{};
+    if (keyBytes.size() > sizeof record.keyData) return failWith(NTE_BAD_DATA);
+    std::memcpy(record.keyData, keyBytes.data(), keyBytes.size());
+    record.keyDataLength = static_cast<int32_t>(keyBytes.size());
+    record.keyType = keyType;
+    SecureZeroMemory(keyBytes.data(), keyBytes.size());
+    int result = orvane_importAesKey(context.serialNumber.c_str(), getCachedPin(context.serialNumber).c_str(), &record,
+                                     context.libraryContext);
+    if (result != 0) {
+        Utils::logError("PLAINTEXTKEYBLOB import failed");
+        return failWith(NTE_BAD_TYPE);
+    }
+    std::unique_ptr<CspKey> key = keyForStoredSecret(record, header.algId);
+    SecureZeroMemory(&record, sizeof record);
+    return handOut(std::move(key), phKey, "PLAINTEXTKEYBLOB imported successfully (AES)");
+}
+
+BOOL importWrappedKey(CspContext& context, const blobs::BlobHeader& header, const BYTE* pbData, DWORD dwDataLen,
+                      HCRYPTKEY* phKey) {
+    int32_t keyType = header.algId == CALG_AES_128 ? ORVANE_KEY_AES_128 : ORVANE_KEY_AES_256;
+    UnwrappedKey unwrapped =
+        unwrapAndStoreAesKey(context.serialNumber, context.libraryContext, blobs::symmetricWrapPayload(pbData, dwDataLen),
+                             kCspUnwrapTexts, [keyType](size_t) { return keyType; });
+    if (unwrapped.outcome == UnwrapOutcome::kNoKek) return failWith(NTE_BAD_KEY);
+    if (unwrapped.outcome == UnwrapOutcome::kImportFailed) return failWith(NTE_BAD_TYPE);
+    std::unique_ptr<CspKey> key = keyForStoredSecret(unwrapped.stored, header.algId);
+    SecureZeroMemory(&unwrapped.stored, sizeof unwrapped.stored);
+    return handOut(std::move(key), phKey, "SYMMETRICWRAPKEYBLOB imported successfully");
+}
+
+}  // namespace
+
+BOOL WINAPI CPExportKey(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTKEY, DWORD dwBlobType, DWORD dwFlags, BYTE* pbData,
+                        DWORD* pdwDataLen) {
+    return guardEntry("CPExportKey", [&]() -> BOOL {
+        Utils::logMessage("dwBlobType : " + std::to_string(dwBlobType));
+        Utils::logMessage("dwFlags : " + std::to_string(dwFlags));
+        if (hKey == 0 || pdwDataLen == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+        CspContext* context = contextFromHandle(hProv);
+        if (context == nullptr) return failWith(NTE_BAD_UID);
+
+        BOOL exported = FALSE;
+        if (dwBlobType == PRIVATEKEYBLOB)
+            exported = failWith(static_cast<DWORD>(ERROR_ACCESS_DENIED));
+        else if (dwBlobType != PUBLICKEYBLOB)
+            exported = failWith(NTE_BAD_TYPE);
+        else
+            exported = exportPublicKey(*context, *keyFromHandle(hKey), pbData, pdwDataLen);
+        DWORD lastError = GetLastError();
+        Utils::logMessage("Exportkey return status : " + std::to_string(exported ? 1 : 0));
+        SetLastError(lastError);
+        return exported;
+    });
+}
+
+BOOL WINAPI CPImportKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD dwDataLen, HCRYPTKEY hPubKey, DWORD dwFlags,
+                        HCRYPTKEY* phKey) {
+    return guardEntry("CPImportKey", [&]() -> BOOL {
+        Utils::logMessage("Input length : " + std::to_string(dwDataLen));
+        Utils::logMessage("Input flag : " + std::to_string(dwFlags));
+        if (pbData == nullptr) {
+            Utils::logError("CPImportKey - Input data is null");
+            return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+        }
+        CspContext* context = contextFromHandle(hProv);
+        if (context == nullptr) {
+            Utils::logError("CPImportKey - Contest null or not initialised");
+            return failWith(NTE_BAD_UID);
+        }
+        if (phKey == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+        blobs::BlobHeader header;
+        if (blobs::readBlobHeader(pbData, dwDataLen, header)) {
+            Utils::logMessage("CPImportKey - input type : " + std::to_string(header.type));
+            Utils::logMessage("CPImportKey - input version : " + std::to_string(header.version));
+            Utils::logMessage("CPImportKey - input alg : " + std::to_string(header.algId));
+            Utils::logMessage("CPImportKey - input data length : " +
+                              std::to_string(static_cast<long long>(dwDataLen) - 12));
+        }
+        // Nothing follows the fixed part (a blob shorter than that holds nothing either).
+        if (dwDataLen <= blobs::kPayloadOffset) {
+            Utils::logError("CPImportKey - Input data to import is empty");
+            return failWith(NTE_INVALID_PARAMETER);
+        }
+        switch (blobs::classifyImportType(header.type)) {
+        case blobs::ImportType::kNotImplemented:
+            Utils::logError("Key Block Not Implemented yet");
+            return failWith(NTE_BAD_TYPE);
+        case blobs::ImportType::kUnsupported:
+            Utils::logError("CPImportKey - Unsupported type : " + std::to_string(header.type));
+            return failWith(NTE_BAD_TYPE);
+        case blobs::ImportType::kAccepted: break;
+        }
+        switch (header.type) {
+        case blobs::kPublicKeyBlob: return importPublicKey(pbData, dwDataLen, phKey);
+        case blobs::kSimpleBlob: return importSessionKey(*context, header, pbData, dwDataLen, hPubKey, phKey);
+        case blobs::kPlaintextKeyBlob: return importPlaintextKey(*context, header, pbData, dwDataLen, phKey);
+        default: return importWrappedKey(*context, header, pbData, dwDataLen, phKey);
+        }
+    });
+}

@@ -1,0 +1,216 @@
+// Provider parameters as management tools and applications read them through Wine's
+// advapi32: the enumerations and their cursors, names, the container's key spec, the PIN
+// parameters and the certificate chain.
+#include <windows.h>
+#include <wincrypt.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "softtoken/SoftTokenAdmin.h"
+#include "tests/support/Matchers.h"
+#include "tests/support/ProviderSupport.h"
+#include "tests/support/TestSupport.h"
+#include "token/OrvaneDSCLibrary.h"
+#include "tools/desktop/UiDriver.h"
+
+using namespace orvanetest;
+namespace admin = softtoken::admin;
+using desktop::UiDriver;
+using desktop::UiStep;
+
+namespace {
+
+class ProviderParams : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        useFreshStore("params");
+        ASSERT_EQ(0, admin::createToken("PARAMS-1", "Params", "1234", 5));
+        ASSERT_EQ(0, admin::generateKeyPair("PARAMS-1", ORVANE_KEY_RSA_1024, "signs", 1, 0, signer_));
+        ASSERT_EQ(0, admin::generateKeyPair("PARAMS-1", ORVANE_KEY_RSA_1024, "both", 3, 0, both_));
+        ASSERT_EQ(0, admin::generateKeyPair("PARAMS-1", ORVANE_KEY_RSA_1024, "exchange", 2, 0, exchange_));
+    }
+    HCRYPTPROV open(const std::string& container) {
+        HCRYPTPROV provider = 0;
+        EXPECT_TRUE(CryptAcquireContextA(&provider, container.empty() ? nullptr : container.c_str(), kProviderName,
+                                         PROV_RSA_FULL, 0))
+            << std::hex << GetLastError();
+        return provider;
+    }
+    static DWORD dwordParam(HCRYPTPROV provider, DWORD param) {
+        DWORD value = 0, size = sizeof value;
+        EXPECT_TRUE(CryptGetProvParam(provider, param, reinterpret_cast<BYTE*>(&value), &size, 0)) << param;
+        EXPECT_EQ(4u, size);
+        return value;
+    }
+
+    static std::string signer_, both_, exchange_;
+};
+
+std::string ProviderParams::signer_, ProviderParams::both_, ProviderParams::exchange_;
+
+TEST_F(ProviderParams, AlgorithmsAreEnumeratedWithOneSharedCursor) {
+    HCRYPTPROV provider = open(signer_);
+    std::vector<std::string> names;
+    PROV_ENUMALGS entry;
+    for (DWORD flags = CRYPT_FIRST;; flags = CRYPT_NEXT) {
+        DWORD size = sizeof entry;
+        if (!CryptGetProvParam(provider, PP_ENUMALGS, reinterpret_cast<BYTE*>(&entry), &size, flags)) {
+            EXPECT_EQ(static_cast<DWORD>(ERROR_NO_MORE_ITEMS), GetLastError());
+            break;
+        }
+        EXPECT_EQ(strlen(entry.szName), entry.dwNameLen);
+        names.push_back(entry.szName);
+    }
+    EXPECT_EQ((std::vector<std::string>{"RSA-Sign", "RSA-KeyX", "SHA1", "SHA256"}), names);
+
+    // A size query moves the cursor too; a short buffer fails while a missing one succeeds.
+    PROV_ENUMALGS_EX extended;
+    DWORD size = 0;
+    ASSERT_TRUE(CryptGetProvParam(provider, PP_ENUMALGS_EX, nullptr, &size, CRYPT_FIRST));
+    EXPECT_EQ(sizeof extended, size);
+    size = 10;
+    EXPECT_TRUE(failsWith(CryptGetProvParam(provider, PP_ENUMALGS_EX, reinterpret_cast<BYTE*>(&extended), &size,
+                                            CRYPT_NEXT),
+                          ERROR_MORE_DATA));
+    size = sizeof extended;
+    ASSERT_TRUE(CryptGetProvParam(provider, PP_ENUMALGS_EX, reinterpret_cast<BYTE*>(&extended), &size, CRYPT_NEXT));
+    EXPECT_STREQ("SHA1", extended.szName);
+    EXPECT_STREQ("SHA-1 Hash Algorithm", extended.szLongName);
+    EXPECT_EQ(256u, extended.dwMaxLen);
+    EXPECT_TRUE(failsWith(CryptGetProvParam(provider, PP_ENUMALGS, reinterpret_cast<BYTE*>(&entry), &size, 4),
+                          ERROR_INVALID_PARAMETER));
+    CryptReleaseContext(provider, 0);
+}
+
+TEST_F(ProviderParams, ContainersAreEnumeratedAsTheTokenListsThem) {
+    HCRYPTPROV provider = open("");
+    std::vector<std::string> names;
+    char name[64];
+    DWORD size = 0;
+    ASSERT_TRUE(CryptGetProvParam(provider, PP_ENUMCONTAINERS, nullptr, &size, CRYPT_FIRST));
+    EXPECT_EQ(33u, size);
+    size = 5;
+    EXPECT_TRUE(CryptGetProvParam(provider, PP_ENUMCONTAINERS, reinterpret_cast<BYTE*>(name), &size, CRYPT_FIRST))
+        << "a short buffer is answered with the size";
+    EXPECT_EQ(static_cast<DWORD>(ERROR_MORE_DATA), GetLastError());
+    for (DWORD flags = CRYPT_FIRST;; flags = CRYPT_NEXT) {
+        size = sizeof name;
+        if (!CryptGetProvParam(provider, PP_ENUMCONTAINERS, reinterpret_cast<BYTE*>(name), &size, flags)) {
+            EXPECT_EQ(static_cast<DWORD>(ERROR_NO_MORE_ITEMS), GetLastError());
+            break;
+        }
+        names.push_back(name);
+    }
+    EXPECT_EQ((std::vector<std::string>{signer_, both_, exchange_}), names);
+    CryptReleaseContext(provider, 0);
+}
+
+TEST_F(ProviderParams, NamesContainerAndKeySpec) {
+    HCRYPTPROV provider = open(both_);
+    char text[64];
+    DWORD size = sizeof text;
+    ASSERT_TRUE(CryptGetProvParam(provider, PP_NAME, reinterpret_cast<BYTE*>(text), &size, 0));
+    EXPECT_STREQ(kProviderName, text);
+    EXPECT_EQ(33u, size) << "a copied name reports its length without the NUL";
+    size = 10;
+    ASSERT_TRUE(CryptGetProvParam(provider, PP_NAME, reinterpret_cast<BYTE*>(text), &size, 0));
+    EXPECT_EQ(34u, size);
+    size = sizeof text;
+    ASSERT_TRUE(CryptGetProvParam(provider, PP_CONTAINER, reinterpret_cast<BYTE*>(text), &size, 0));
+    EXPECT_EQ(both_, text);
+    EXPECT_EQ(2u, dwordParam(provider, PP_KEYSPEC)) << "a key pair that does both reports signature only";
+    EXPECT_EQ(9u, dwordParam(provider, PP_KEYSTORAGE));
+    EXPECT_EQ(9u, dwordParam(provider, PP_IMPTYPE));
+    EXPECT_EQ(1u, dwordParam(provider, PP_PROVTYPE));
+    EXPECT_EQ(1u, dwordParam(provider, PP_SIGNATURE_PIN));
+    size = 2;
+    EXPECT_TRUE(CryptGetProvParam(provider, PP_KEYSTORAGE, reinterpret_cast<BYTE*>(text), &size, 0));
+    EXPECT_EQ(static_cast<DWORD>(ERROR_MORE_DATA), GetLastError());
+    EXPECT_TRUE(failsWith(CryptGetProvParam(provider, 7, reinterpret_cast<BYTE*>(text), &size, 0), NTE_BAD_TYPE));
+    EXPECT_TRUE(failsWith(CryptGetProvParam(provider, 41, reinterpret_cast<BYTE*>(text), &size, 0), NTE_BAD_TYPE));
+    CryptReleaseContext(provider, 0);
+
+    provider = open(exchange_);
+    EXPECT_EQ(1u, dwordParam(provider, PP_KEYSPEC));
+    CryptReleaseContext(provider, 0);
+    provider = open("");
+    size = sizeof text;
+    EXPECT_TRUE(failsWith(CryptGetProvParam(provider, PP_KEYSPEC, reinterpret_cast<BYTE*>(text), &size, 0), NTE_NO_KEY));
+    EXPECT_TRUE(failsWith(CryptSetProvParam(provider, PP_ADMIN_PIN, reinterpret_cast<const BYTE*>("1234"), 0),
+                          NTE_BAD_TYPE));
+    CryptReleaseContext(provider, 0);
+}
+
+// Windows are found by title, so this suite runs alone (see CMakeLists).
+TEST_F(ProviderParams, PinGivenThroughTheProviderSparesTheDialog) {
+    HCRYPTPROV provider = open(signer_);
+    EXPECT_TRUE(failsWith(CryptSetProvParam(provider, PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>("9999"), 0),
+                          NTE_KEYSET_ENTRY_BAD));
+    ASSERT_TRUE(CryptSetProvParam(provider, PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>("1234"), 0))
+        << std::hex << GetLastError();
+    // A wrong PIN afterwards leaves the accepted one in place.
+    EXPECT_TRUE(failsWith(CryptSetProvParam(provider, PP_KEYEXCHANGE_PIN, reinterpret_cast<const BYTE*>("0000"), 0),
+                          NTE_KEYSET_ENTRY_BAD));
+
+    UiDriver watchdog({UiStep::cancel()}, 1500);
+    HCRYPTHASH hash = 0;
+    ASSERT_TRUE(CryptCreateHash(provider, CALG_SHA_256, 0, 0, &hash));
+    ASSERT_TRUE(CryptHashData(hash, reinterpret_cast<const BYTE*>("no dialog"), 9, 0));
+    BYTE signature[256];
+    DWORD length = sizeof signature;
+    EXPECT_TRUE(CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, signature, &length)) << std::hex << GetLastError();
+    EXPECT_EQ(std::vector<std::string>{"missing: pin dialog"}, watchdog.finish()) << "no window appeared";
+    EXPECT_EQ("1234", admin::lastPinReceived());
+    CryptDestroyHash(hash);
+    CryptReleaseContext(provider, 0);
+}
+
+TEST_F(ProviderParams, CertificateChainHoldsRootIntermediateAndLeaf) {
+    ProvisionedKey leaf = provisionKeyWithCertificate("PARAMS-1", ORVANE_KEY_RSA_2048, 1);
+    // Re-issue the leaf under an intermediate so that the chain has three links.
+    HostResult host = runHost(
+        "set -e\n"
+        "openssl req -new -newkey rsa:2048 -nodes -keyout mid.key -subj '/CN=Orvane Test Intermediate' -out mid.csr "
+        "2>/dev/null\n"
+        "printf 'basicConstraints=critical,CA:TRUE\\nkeyUsage=keyCertSign\\n' > mid.ext\n"
+        "openssl x509 -req -in mid.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 30 -extfile mid.ext "
+        "-outform DER -out mid.der 2>/dev/null\n"
+        "openssl x509 -inform DER -in mid.der -out mid.pem\n"
+        "openssl x509 -new -subj '/CN=" + leaf.keyId + " leaf' -force_pubkey " + leaf.keyId +
+        ".pub.der -CA mid.pem -CAkey mid.key -days 30 -outform DER -out leaf.der\n"
+        "openssl x509 -in ca.pem -outform DER -out ca.der\n");
+    ASSERT_EQ(0, host.exitCode) << host.output;
+    std::string linked;
+    ASSERT_EQ(0, admin::importCertificate("PARAMS-1", readFile(workDir() + "/ca.der"), "root", linked));
+    ASSERT_EQ(0, admin::importCertificate("PARAMS-1", readFile(workDir() + "/mid.der"), "intermediate", linked));
+    ASSERT_EQ(0, admin::importCertificate("PARAMS-1", readFile(workDir() + "/leaf.der"), "", linked));
+
+    HCRYPTPROV provider = open(leaf.keyId);
+    DWORD size = 0;
+    ASSERT_TRUE(CryptGetProvParam(provider, PP_CERTCHAIN, nullptr, &size, 0)) << std::hex << GetLastError();
+    std::vector<BYTE> message(size);
+    ASSERT_TRUE(CryptGetProvParam(provider, PP_CERTCHAIN, message.data(), &size, 0)) << std::hex << GetLastError();
+    CRYPT_DATA_BLOB blob{size, message.data()};
+    HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_PKCS7, X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, 0, &blob);
+    ASSERT_NE(nullptr, store);
+    std::vector<Bytes> certificates;
+    PCCERT_CONTEXT certificate = nullptr;
+    while ((certificate = CertEnumCertificatesInStore(store, certificate)) != nullptr)
+        certificates.emplace_back(certificate->pbCertEncoded, certificate->pbCertEncoded + certificate->cbCertEncoded);
+    CertCloseStore(store, 0);
+    EXPECT_EQ((std::vector<Bytes>{readFile(workDir() + "/ca.der"), readFile(workDir() + "/mid.der"),
+                                  readFile(workDir() + "/leaf.der")}),
+              certificates)
+        << "root first, leaf last";
+    CryptReleaseContext(provider, 0);
+
+    provider = open(exchange_);
+    size = 0;
+    EXPECT_TRUE(failsWith(CryptGetProvParam(provider, PP_CERTCHAIN, nullptr, &size, 0), NTE_NO_KEY))
+        << "a container without a certificate";
+    CryptReleaseContext(provider, 0);
+}
+
+}  // namespace

@@ -1,0 +1,132 @@
+// The provider as real Windows applications reach it: through a certificate whose key
+// provider information names this provider and a container, with crypt32 doing the rest.
+// OpenSSL checks what comes out.
+#include <windows.h>
+#include <wincrypt.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "softtoken/SoftTokenAdmin.h"
+#include "tests/support/ProviderSupport.h"
+#include "tests/support/TestSupport.h"
+#include "token/OrvaneDSCLibrary.h"
+
+using namespace orvanetest;
+namespace admin = softtoken::admin;
+
+namespace {
+
+const char kSerial[] = "CLIENTS-1";
+const DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
+
+std::wstring widen(const std::string& text) { return std::wstring(text.begin(), text.end()); }
+
+class RealClients : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        useFreshStore("clients");
+        ASSERT_EQ(0, admin::createToken(kSerial, "Clients", "1234", 5));
+        ASSERT_EQ(0, admin::setSignOn(kSerial, 1, 1));
+        key_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_RSA_2048, 3);
+    }
+
+    // Key provider information as a certificate store keeps it for a token key.
+    static CRYPT_KEY_PROV_INFO providerInfo(std::wstring& container, std::wstring& provider) {
+        container = widen(key_.keyId);
+        provider = widen(kProviderName);
+        CRYPT_KEY_PROV_INFO info{};
+        info.pwszContainerName = &container[0];
+        info.pwszProvName = &provider[0];
+        info.dwProvType = PROV_RSA_FULL;
+        info.dwKeySpec = AT_SIGNATURE;
+        return info;
+    }
+
+    static ProvisionedKey key_;
+};
+
+ProvisionedKey RealClients::key_;
+
+TEST_F(RealClients, SignedMessageFromTheCertificatesKeyVerifiesWithOpenSsl) {
+    Bytes der = readFile(key_.certificateFile);
+    HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr);
+    ASSERT_NE(nullptr, store);
+    PCCERT_CONTEXT certificate = nullptr;
+    ASSERT_TRUE(CertAddEncodedCertificateToStore(store, kEncoding, der.data(), static_cast<DWORD>(der.size()),
+                                                 CERT_STORE_ADD_ALWAYS, &certificate));
+    std::wstring container, provider;
+    CRYPT_KEY_PROV_INFO info = providerInfo(container, provider);
+    ASSERT_TRUE(CertSetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
+
+    // What a mail client does first: find the private key behind the certificate.
+    HCRYPTPROV keyProvider = 0;
+    DWORD keySpec = 0;
+    BOOL mustFree = FALSE;
+    ASSERT_TRUE(CryptAcquireCertificatePrivateKey(certificate, 0, nullptr, &keyProvider, &keySpec, &mustFree))
+        << std::hex << GetLastError();
+    EXPECT_EQ(static_cast<DWORD>(AT_SIGNATURE), keySpec);
+    if (mustFree) CryptReleaseContext(keyProvider, 0);
+
+    const std::string content = "Signed through crypt32 with a key on the token";
+    CRYPT_SIGN_MESSAGE_PARA parameters{};
+    parameters.cbSize = sizeof parameters;
+    parameters.dwMsgEncodingType = kEncoding;
+    parameters.pSigningCert = certificate;
+    parameters.HashAlgorithm.pszObjId = const_cast<char*>(szOID_NIST_sha256);
+    parameters.cMsgCert = 1;
+    parameters.rgpMsgCert = &certificate;
+    const BYTE* contents[] = {reinterpret_cast<const BYTE*>(content.data())};
+    DWORD contentSizes[] = {static_cast<DWORD>(content.size())};
+    DWORD size = 0;
+    ASSERT_TRUE(CryptSignMessage(&parameters, FALSE, 1, contents, contentSizes, nullptr, &size))
+        << std::hex << GetLastError();
+    Bytes message(size);
+    ASSERT_TRUE(CryptSignMessage(&parameters, FALSE, 1, contents, contentSizes, message.data(), &size))
+        << std::hex << GetLastError();
+    message.resize(size);
+    writeFile(workDir() + "/message.p7s", message);
+
+    HostResult host = runHost("openssl cms -verify -inform DER -in message.p7s -CAfile ca.pem -out verified.txt");
+    EXPECT_NE(std::string::npos, host.output.find("Verification successful")) << host.output;
+    Bytes verified = readFile(workDir() + "/verified.txt");
+    EXPECT_EQ(content, std::string(verified.begin(), verified.end()));
+    CertFreeCertificateContext(certificate);
+    CertCloseStore(store, 0);
+}
+
+TEST_F(RealClients, SelfSignedCertificateForATokenKeyVerifiesWithOpenSsl) {
+    CERT_NAME_BLOB subject{};
+    const char* name = "CN=Orvane self-signed";
+    ASSERT_TRUE(CertStrToNameA(X509_ASN_ENCODING, name, CERT_X500_NAME_STR, nullptr, nullptr, &subject.cbData, nullptr));
+    Bytes subjectBytes(subject.cbData);
+    subject.pbData = subjectBytes.data();
+    ASSERT_TRUE(CertStrToNameA(X509_ASN_ENCODING, name, CERT_X500_NAME_STR, nullptr, subject.pbData, &subject.cbData,
+                               nullptr));
+    std::wstring container, provider;
+    CRYPT_KEY_PROV_INFO info = providerInfo(container, provider);
+    CRYPT_ALGORITHM_IDENTIFIER algorithm{};
+    algorithm.pszObjId = const_cast<char*>(szOID_RSA_SHA256RSA);
+
+    // The application holds a context on the container, as certificate enrolment tools do.
+    HCRYPTPROV context = 0;
+    ASSERT_TRUE(CryptAcquireContextA(&context, key_.keyId.c_str(), kProviderName, PROV_RSA_FULL, 0));
+    PCCERT_CONTEXT certificate =
+        CertCreateSelfSignCertificate(context, &subject, 0, &info, &algorithm, nullptr, nullptr, nullptr);
+    ASSERT_NE(nullptr, certificate) << std::hex << GetLastError();
+    CryptReleaseContext(context, 0);
+    writeFile(workDir() + "/self.der",
+              Bytes(certificate->pbCertEncoded, certificate->pbCertEncoded + certificate->cbCertEncoded));
+    CertFreeCertificateContext(certificate);
+
+    // The certificate carries the token key and is signed by it.
+    HostResult host = runHost(
+        "openssl x509 -inform DER -in self.der -out self.pem && openssl verify -CAfile self.pem self.pem && "
+        "openssl x509 -in self.pem -pubkey -noout | openssl pkey -pubin -outform DER -out self-key.der && "
+        "cmp self-key.der " + key_.keyId + ".pub.der && echo same-key");
+    EXPECT_NE(std::string::npos, host.output.find("self.pem: OK")) << host.output;
+    EXPECT_NE(std::string::npos, host.output.find("same-key")) << host.output;
+}
+
+}  // namespace

@@ -1,0 +1,85 @@
+#include "token/KeyUnwrap.h"
+
+#include <windows.h>
+
+#include <cstring>
+
+#include "diagnostics/Utils.h"
+#include "encoding/Hex.h"
+#include "token/Sessions.h"
+
+namespace orvane {
+namespace {
+
+bool isKekCandidate(const OrvaneSymmetricKey& key) {
+    return key.keyType == ORVANE_KEY_AES_128 || key.keyType == ORVANE_KEY_AES_256;
+}
+
+// The library's output, released whatever happens next.
+struct LibraryBuffer {
+    unsigned char* data = nullptr;
+    int length = 0;
+    ~LibraryBuffer() {
+        if (data != nullptr && length > 0) SecureZeroMemory(data, static_cast<size_t>(length));
+        delete[] data;
+    }
+};
+
+}  // namespace
+
+const UnwrapTexts kCspUnwrapTexts = {"SYMMETRICWRAPKEYBLOB: wrapped key length = ",
+                                     "Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK",
+                                     "Successfully unwrapped key with KEK: ", "Import of unwrapped AES key failed"};
+const UnwrapTexts kKspUnwrapTexts = {"KSP: BCRYPT_OPAQUE_KEY_BLOB: wrapped key length = ",
+                                     "KSP: Failed to unwrap BCRYPT_OPAQUE_KEY_BLOB with any available KEK",
+                                     "KSP: Successfully unwrapped key with KEK: ",
+                                     "KSP: Import of unwrapped AES key failed"};
+
+UnwrappedKey unwrapAndStoreAesKey(const std::string& serial, void* libraryContext,
+                                  const std::vector<unsigned char>& wrapped, const UnwrapTexts& texts,
+                                  const std::function<int32_t(size_t unwrappedLength)>& keyTypeFor) {
+    UnwrappedKey result;
+    Utils::logMessage(texts.wrappedLengthPrefix + std::to_string(wrapped.size()));
+    std::vector<OrvaneSymmetricKey> candidates = orvane_getAesKeyList(serial.c_str(), libraryContext);
+    LibraryBuffer unwrapped;
+    const OrvaneSymmetricKey* kek = nullptr;
+    for (const OrvaneSymmetricKey& candidate : candidates) {
+        if (!isKekCandidate(candidate)) continue;
+        int kekLength = candidate.keyDataLength;
+        if (kekLength < 0 || kekLength > static_cast<int>(sizeof candidate.keyData)) continue;
+        delete[] unwrapped.data;
+        unwrapped.data = nullptr;
+        unwrapped.length = 0;
+        if (orvane_decrypt_aes(serial.c_str(), candidate.keyData, kekLength, wrapped.data(),
+                               static_cast<int>(wrapped.size()), &unwrapped.data, &unwrapped.length, candidate.keyFlag,
+                               nullptr, 0, libraryContext) == 0) {
+            kek = &candidate;
+            break;
+        }
+    }
+    // A key that does not fit the token's record cannot be stored: no KEK gave a usable key.
+    if (kek == nullptr || unwrapped.length <= 0 || unwrapped.data == nullptr ||
+        unwrapped.length > static_cast<int>(sizeof result.stored.keyData)) {
+        Utils::logError(texts.noKek);
+        result.outcome = UnwrapOutcome::kNoKek;
+        return result;
+    }
+    Utils::logMessage(texts.successPrefix + toHex(kek->keyId, sizeof kek->keyId));
+
+    OrvaneSymmetricKey& record = result.stored;
+    std::memcpy(record.keyData, unwrapped.data, static_cast<size_t>(unwrapped.length));
+    record.keyDataLength = unwrapped.length;
+    record.keyType = keyTypeFor(static_cast<size_t>(unwrapped.length));
+    record.keyFlag = false;
+    int imported = orvane_importAesKey(serial.c_str(), getCachedPin(serial).c_str(), &record, libraryContext);
+    if (imported != 0) {
+        Utils::logError(texts.importFailed);
+        SecureZeroMemory(&record, sizeof record);
+        result.outcome = UnwrapOutcome::kImportFailed;
+        return result;
+    }
+    result.outcome = UnwrapOutcome::kStored;
+    return result;
+}
+
+}  // namespace orvane
