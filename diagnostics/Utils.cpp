@@ -76,27 +76,35 @@ std::string logFilePath() {
 
 // Logging runs inside every entry point and on the monitor thread: a failure to log
 // (no memory, no disk) is swallowed, never passed to the caller.
+// Entry points set their last error before logging at times, so a log line leaves the
+// thread's last error as it found it.
 void Utils::logMessage(std::string message) {
+    DWORD lastError = GetLastError();
     try {
         DWORD level = 0;
-        if (readLogLevel(level) && level == 3) writeLine(kDebug, message);
+        if (readLogLevel(level) && level == 3) appendLine(kDebug, message);
     } catch (...) {
     }
+    SetLastError(lastError);
 }
 
 void Utils::logError(std::string message) {
+    DWORD lastError = GetLastError();
     try {
         DWORD level = 0;
-        if (!readLogLevel(level) || level >= 2) writeLine(kError, message);
+        if (!readLogLevel(level) || level >= 2) appendLine(kError, message);
     } catch (...) {
     }
+    SetLastError(lastError);
 }
 
 void Utils::writeLine(int level, const std::string& message) {
+    DWORD lastError = GetLastError();
     try {
         appendLine(level, message);
     } catch (...) {
     }
+    SetLastError(lastError);
 }
 
 void Utils::appendLine(int level, const std::string& message) {

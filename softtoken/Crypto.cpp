@@ -4,7 +4,9 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <memory>
+#include <new>
 
 #include "encoding/Hex.h"
 #include "softtoken/Asn1.h"
@@ -191,6 +193,8 @@ int decrypt(const std::string& privateKey, const Bytes& cipher, Bytes& plain) {
     initialiseOnce();
     Sexp key = parseCanonical(privateKey);
     if (!key) return kCryptoFailure;
+    size_t modulusBytes = (gcry_pk_get_nbits(key.get()) + 7) / 8;
+    if (cipher.size() > modulusBytes) return kBadArguments;
     for (const char* padding : {"oaep", "pkcs1"}) {
         gcry_sexp_t data = nullptr;
         gcry_sexp_build(&data, nullptr, "(enc-val (flags %s) (rsa (a %b)))", padding, static_cast<int>(cipher.size()),
@@ -200,6 +204,8 @@ int decrypt(const std::string& privateKey, const Bytes& cipher, Bytes& plain) {
         if (request && gcry_pk_decrypt(&result, request.get(), key.get()) == 0) {
             Sexp decrypted(result);
             plain = tokenData(decrypted.get(), "value");
+            // A PKCS#1 v1.5 block with fewer than 8 padding bytes is malformed.
+            if (padding[0] == 'p' && plain.size() + 11 > modulusBytes) break;
             return kOk;
         }
     }
@@ -210,6 +216,9 @@ int encrypt(const Bytes& publicKeyInfo, bool oaep, const Bytes& plain, Bytes& ci
     initialiseOnce();
     PublicKeyInfo info;
     if (!parseSubjectPublicKeyInfo(publicKeyInfo, info) || !info.isRsa) return kBadArguments;
+    // libgcrypt's PKCS#1 v1.5 encoding accepts fewer than the 8 random bytes the scheme requires.
+    size_t overhead = oaep ? 2 * 20 + 2 : 11;
+    if (info.modulus.size() < overhead || plain.size() > info.modulus.size() - overhead) return kBadArguments;
     Sexp key = publicKeySexp(info);
     gcry_sexp_t data = nullptr;
     gcry_sexp_build(&data, nullptr, "(data (flags %s) (value %b))", oaep ? "oaep" : "pkcs1",
@@ -247,6 +256,11 @@ int verifyDigest(const Bytes& publicKeyInfo, const Bytes& digest, const Bytes& s
     return gcry_pk_verify(signatureValue.get(), request.get(), key.get()) == 0 ? kOk : kSignatureInvalid;
 }
 
+size_t hashLength(int mechanism) {
+    int algorithm = hashAlgorithm(mechanism);
+    return algorithm ? gcry_md_get_algo_dlen(algorithm) : 0;
+}
+
 void* hashOpen(int mechanism) {
     initialiseOnce();
     int algorithm = hashAlgorithm(mechanism);
@@ -259,16 +273,19 @@ void hashWrite(void* hash, const unsigned char* data, size_t length) {
     gcry_md_write(static_cast<gcry_md_hd_t>(hash), data, length);
 }
 
-size_t hashLength(void* hash) {
-    return gcry_md_get_algo_dlen(gcry_md_get_algo(static_cast<gcry_md_hd_t>(hash)));
-}
-
-Bytes hashFinish(void* hash) {
-    gcry_md_hd_t handle = static_cast<gcry_md_hd_t>(hash);
-    int algorithm = gcry_md_get_algo(handle);
-    const unsigned char* digest = gcry_md_read(handle, algorithm);
-    Bytes result(digest, digest + gcry_md_get_algo_dlen(algorithm));
-    gcry_md_close(handle);
+Bytes hashDigest(void* hash, int mechanism) {
+    initialiseOnce();
+    int algorithm = hashAlgorithm(mechanism);
+    Bytes result(hashLength(mechanism));
+    if (hash == nullptr) {
+        gcry_md_hash_buffer(algorithm, result.data(), "", 0);
+        return result;
+    }
+    // Reading finalises a libgcrypt context, so read a copy and keep the original going.
+    gcry_md_hd_t copy = nullptr;
+    if (gcry_md_copy(&copy, static_cast<gcry_md_hd_t>(hash)) != 0) throw std::bad_alloc();
+    std::memcpy(result.data(), gcry_md_read(copy, algorithm), result.size());
+    gcry_md_close(copy);
     return result;
 }
 

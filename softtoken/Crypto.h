@@ -20,15 +20,18 @@ int signDigest(int keyType, const std::string& privateKey, const Bytes& digest, 
 // RSA decryption; OAEP (SHA-1) is tried first, then PKCS#1 v1.5.
 int decrypt(const std::string& privateKey, const Bytes& cipher, Bytes& plain);
 
-// Public-key operations from a DER SubjectPublicKeyInfo.
+// Public-key operations from a DER SubjectPublicKeyInfo. Encryption takes at most k - 11
+// bytes (PKCS#1 v1.5) or k - 42 bytes (OAEP with SHA-1), k being the modulus length.
 int encrypt(const Bytes& publicKeyInfo, bool oaep, const Bytes& plain, Bytes& cipher);
 int verifyDigest(const Bytes& publicKeyInfo, const Bytes& digest, const Bytes& signature);
 
-// Hashes by token mechanism number (2 = SHA-1 ... 5 = SHA-512).
+// Hashes by token mechanism number (2 = SHA-1 ... 5 = SHA-512); 0 for other numbers.
+size_t hashLength(int mechanism);
 void* hashOpen(int mechanism);
 void hashWrite(void* hash, const unsigned char* data, size_t length);
-size_t hashLength(void* hash);
-Bytes hashFinish(void* hash);  // also frees the hash
+// The digest of everything written so far; the hash stays open for more. A null hash gives
+// the digest of no data.
+Bytes hashDigest(void* hash, int mechanism);
 
 // RFC 3394 unwrap; fails when the integrity check does not hold (wrong KEK).
 int unwrapKey(const Bytes& kek, const Bytes& wrapped, Bytes& key);

@@ -61,9 +61,8 @@ int addKeyPair(const char* serial, Access access, KeyPairRecord& key) {
     if (serial == nullptr) return kBadArguments;
     {
         // Refuse early: key generation can take seconds.
-        StoreState state;
-        readStore(state);
-        const TokenRecord* token = state.find(serial);
+        Snapshot state = readStore();
+        const TokenRecord* token = state->find(serial);
         if (token == nullptr || (!token->plugged && !access.administrative)) return kTokenNotPresent;
         if (int denied = checkAccess(*token, access)) return denied;
     }

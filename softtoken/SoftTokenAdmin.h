@@ -1,8 +1,9 @@
 // Administration of the software token: what a token maker's personalisation tool would do.
 // Exported by OrvaneDSCLibrary.dll beside the 23 library operations; the provider never uses it.
-// Every call returns a softtoken::Status code (0 = success).
+// Every call returns a softtoken::Status code (0 = success); nothing thrown leaves a call.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,23 @@ ORVANE_DSC_API int injectFault(const std::string& operation, int count, int code
 ORVANE_DSC_API int clearFaults();
 // How often this process has called a library operation so far.
 ORVANE_DSC_API int callCount(const std::string& operation);
+// The arguments of the latest call of a library operation in this process (empty when it was
+// not called), recorded on entry, before any check or injected fault. Keys by operation:
+//   orvane_init: mode, option
+//   orvane_getConnectedDeviceList, orvane_initDevice, orvane_deleteKeyPair: flag
+//   orvane_validatePassword: userType
+//   orvane_generateKeyPair: keyUsage, keyType (none when the record pointer is null)
+//   orvane_signHash: flag, hashLength, signatureCapacity
+//   orvane_decrypt: flag, cipherLength
+//   orvane_decryptSymetric: ivLength, keyLength, cipherLength
+//   orvane_decrypt_aes: kekFlag, ivLength, wrappedLength
+//   orvane_encrypt: type, padding, plainLength, publicKeyLength
+//   orvane_verifySignatureHash: mechanism, hashLength, signatureLength, publicKeyLength
+//   orvane_initHash: mechanism
+//   orvane_finalHash: digestCapacity
+//   orvane_generateRamdomNumber: flag, length
+// Flags are 0 or 1; a capacity passed through a null pointer is -1.
+ORVANE_DSC_API std::map<std::string, long long> lastArguments(const std::string& operation);
 // The PIN that the last private-key operation of this process was given.
 ORVANE_DSC_API std::string lastPinReceived();
 

@@ -3,6 +3,8 @@
 #include <windows.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <nlohmann/json.hpp>
 
@@ -12,7 +14,14 @@
 namespace softtoken {
 namespace {
 
-using nlohmann::json;
+// Ordered, so that the file reads in a sensible order (generation first).
+using json = nlohmann::ordered_json;
+
+const char kStatePrefix[] = "state-";
+const char kStateSuffix[] = ".json";
+const size_t kGenerationDigits = 20;
+const char kTemporaryFile[] = "\\state.tmp";
+const char kLegacyFile[] = "tokens.json";  // the single state file of earlier versions
 
 std::string bytesToText(const Bytes& bytes) { return orvane::toHex(bytes); }
 
@@ -23,29 +32,40 @@ Bytes textToBytes(const json& value) {
     return bytes;
 }
 
+json textField(const std::string& text) {
+    if (isUtf8(text)) return text;
+    return json{{"hex", orvane::toHex(reinterpret_cast<const unsigned char*>(text.data()), text.size())}};
+}
+
+std::string readText(const json& value) {
+    if (value.is_string()) return value.get<std::string>();
+    Bytes bytes = textToBytes(value.at("hex"));
+    return std::string(bytes.begin(), bytes.end());
+}
+
 json toJson(const StoreState& state) {
     json tokens = json::array();
     for (const TokenRecord& token : state.tokens) {
         json keyPairs = json::array();
         for (const KeyPairRecord& k : token.keyPairs)
-            keyPairs.push_back({{"index", k.index}, {"keyId", bytesToText(k.keyId)}, {"label", k.label},
+            keyPairs.push_back({{"index", k.index}, {"keyId", bytesToText(k.keyId)}, {"label", textField(k.label)},
                                 {"usage", k.usage}, {"type", k.type}, {"flag", k.flag},
                                 {"certLinkId", bytesToText(k.certLinkId)}, {"publicKey", bytesToText(k.publicKey)},
                                 {"privateKey", k.privateKey}});
         json certificates = json::array();
         for (const CertificateRecord& c : token.certificates)
             certificates.push_back({{"index", c.index}, {"der", bytesToText(c.der)},
-                                    {"certLinkId", bytesToText(c.certLinkId)}, {"label", c.label}});
+                                    {"certLinkId", bytesToText(c.certLinkId)}, {"label", textField(c.label)}});
         json secretKeys = json::array();
         for (const SecretKeyRecord& s : token.secretKeys)
             secretKeys.push_back({{"index", s.index}, {"keyId", bytesToText(s.keyId)},
-                                  {"reference", bytesToText(s.reference)}, {"label", s.label}, {"type", s.type},
-                                  {"flag", s.flag}, {"value", bytesToText(s.value)}});
-        tokens.push_back({{"serial", token.serial}, {"label", token.label}, {"pin", token.pin},
-                          {"maxRetries", token.maxRetries}, {"retriesLeft", token.retriesLeft},
-                          {"loginState", token.loginState}, {"ssoState", token.ssoState},
-                          {"plugged", token.plugged}, {"nextIndex", token.nextIndex}, {"keyPairs", keyPairs},
-                          {"certificates", certificates}, {"secretKeys", secretKeys}});
+                                  {"reference", bytesToText(s.reference)}, {"label", textField(s.label)},
+                                  {"type", s.type}, {"flag", s.flag}, {"value", bytesToText(s.value)}});
+        tokens.push_back({{"serial", textField(token.serial)}, {"label", textField(token.label)},
+                          {"pin", textField(token.pin)}, {"maxRetries", token.maxRetries},
+                          {"retriesLeft", token.retriesLeft}, {"loginState", token.loginState},
+                          {"ssoState", token.ssoState}, {"plugged", token.plugged}, {"nextIndex", token.nextIndex},
+                          {"keyPairs", keyPairs}, {"certificates", certificates}, {"secretKeys", secretKeys}});
     }
     json faults = json::object();
     for (const auto& [operation, fault] : state.faults)
@@ -58,9 +78,9 @@ StoreState fromJson(const json& document) {
     state.generation = document.at("generation").get<uint64_t>();
     for (const json& t : document.at("tokens")) {
         TokenRecord token;
-        token.serial = t.at("serial").get<std::string>();
-        token.label = t.at("label").get<std::string>();
-        token.pin = t.at("pin").get<std::string>();
+        token.serial = readText(t.at("serial"));
+        token.label = readText(t.at("label"));
+        token.pin = readText(t.at("pin"));
         token.maxRetries = t.at("maxRetries").get<int>();
         token.retriesLeft = t.at("retriesLeft").get<int>();
         token.loginState = t.at("loginState").get<int>();
@@ -71,7 +91,7 @@ StoreState fromJson(const json& document) {
             KeyPairRecord key;
             key.index = k.at("index").get<int>();
             key.keyId = textToBytes(k.at("keyId"));
-            key.label = k.at("label").get<std::string>();
+            key.label = readText(k.at("label"));
             key.usage = k.at("usage").get<int>();
             key.type = k.at("type").get<int>();
             key.flag = k.at("flag").get<int>();
@@ -85,7 +105,7 @@ StoreState fromJson(const json& document) {
             certificate.index = c.at("index").get<int>();
             certificate.der = textToBytes(c.at("der"));
             certificate.certLinkId = textToBytes(c.at("certLinkId"));
-            certificate.label = c.at("label").get<std::string>();
+            certificate.label = readText(c.at("label"));
             token.certificates.push_back(std::move(certificate));
         }
         for (const json& s : t.at("secretKeys")) {
@@ -93,7 +113,7 @@ StoreState fromJson(const json& document) {
             secret.index = s.at("index").get<int>();
             secret.keyId = textToBytes(s.at("keyId"));
             secret.reference = textToBytes(s.at("reference"));
-            secret.label = s.at("label").get<std::string>();
+            secret.label = readText(s.at("label"));
             secret.type = s.at("type").get<int>();
             secret.flag = s.at("flag").get<bool>();
             secret.value = textToBytes(s.at("value"));
@@ -119,51 +139,142 @@ bool createFolders(const std::string& path) {
     return true;
 }
 
-// Whole-file read; false when the file does not exist.
-bool readFile(const std::string& path, std::string& content) {
-    HANDLE file = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) return false;
-    content.clear();
-    char buffer[65536];
-    DWORD got = 0;
-    while (ReadFile(file, buffer, sizeof buffer, &got, nullptr) && got > 0) content.append(buffer, got);
-    CloseHandle(file);
+// A test hook: ORVANE_STORE_STOP_AT=<step> kills a writing process at that step of a commit,
+// so that tests can watch what other processes make of a writer that died there.
+void stopPoint(const char* step) {
+    char wanted[64];
+    DWORD length = GetEnvironmentVariableA("ORVANE_STORE_STOP_AT", wanted, sizeof wanted);
+    if (length > 0 && length < sizeof wanted && std::strcmp(wanted, step) == 0) TerminateProcess(GetCurrentProcess(), 86);
+}
+
+// The name of the state file of a generation; fixed width, so names sort like generations.
+std::string stateName(uint64_t generation) {
+    char digits[32];
+    std::snprintf(digits, sizeof digits, "%020llu", static_cast<unsigned long long>(generation));
+    return kStatePrefix + std::string(digits) + kStateSuffix;
+}
+
+bool isStateName(const std::string& name) {
+    size_t prefix = sizeof kStatePrefix - 1, suffix = sizeof kStateSuffix - 1;
+    if (name.size() != prefix + kGenerationDigits + suffix || name.compare(0, prefix, kStatePrefix) != 0 ||
+        name.compare(prefix + kGenerationDigits, suffix, kStateSuffix) != 0)
+        return false;
+    for (size_t i = prefix; i < prefix + kGenerationDigits; ++i)
+        if (name[i] < '0' || name[i] > '9') return false;
     return true;
 }
 
-// Writes a temporary file, flushes it and moves it over the target in one step.
-bool replaceFile(const std::string& path, const std::string& content) {
-    std::string temporary = path + ".tmp";
+// The newest committed state file as a directory listing shows it. A committed file is never
+// written again, so the same name, size and time mean the same content: that comparison is
+// the whole change check of a reader.
+struct Newest {
+    bool exists = false;
+    std::string name;
+    DWORD sizeHigh = 0, sizeLow = 0;
+    FILETIME written{};
+
+    bool operator==(const Newest& o) const {
+        return exists == o.exists && (!exists || (name == o.name && sizeHigh == o.sizeHigh && sizeLow == o.sizeLow &&
+                                                  CompareFileTime(&written, &o.written) == 0));
+    }
+};
+
+// Lists the folder: the newest state file, and the older ones (for clean-up) when asked.
+bool findNewest(const std::string& folder, Newest& newest, std::vector<std::string>* older = nullptr) {
+    newest = Newest{};
+    std::vector<std::string> names;
+    WIN32_FIND_DATAA found;
+    HANDLE search = FindFirstFileA((folder + "\\" + kStatePrefix + "*" + kStateSuffix).c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) {
+        DWORD error = GetLastError();
+        if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND && error != ERROR_NO_MORE_FILES) return false;
+    } else {
+        do {
+            std::string name = found.cFileName;
+            if (!isStateName(name)) continue;
+            if (newest.exists && name < newest.name) {
+                names.push_back(name);
+                continue;
+            }
+            if (newest.exists) names.push_back(newest.name);
+            newest = Newest{true, name, found.nFileSizeHigh, found.nFileSizeLow, found.ftLastWriteTime};
+        } while (FindNextFileA(search, &found));
+        FindClose(search);
+    }
+    if (!newest.exists) {
+        WIN32_FILE_ATTRIBUTE_DATA legacy;
+        if (GetFileAttributesExA((folder + "\\" + kLegacyFile).c_str(), GetFileExInfoStandard, &legacy))
+            newest = Newest{true, kLegacyFile, legacy.nFileSizeHigh, legacy.nFileSizeLow, legacy.ftLastWriteTime};
+    } else if (older) {
+        names.push_back(kLegacyFile);
+        names.push_back("generation");  // the change counter of earlier versions
+    }
+    if (older) older->swap(names);
+    return true;
+}
+
+enum class ReadResult { kOk, kGone, kFailed };
+
+// Whole-file read. Files are opened sharing delete, so that a writer can remove old ones.
+ReadResult readWhole(const std::string& path, std::string& content) {
+    HANDLE file = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        DWORD error = GetLastError();
+        // Removed, or pending removal, after a newer commit: the caller lists again.
+        return error == ERROR_FILE_NOT_FOUND || error == ERROR_ACCESS_DENIED || error == ERROR_SHARING_VIOLATION
+                   ? ReadResult::kGone
+                   : ReadResult::kFailed;
+    }
+    content.clear();
+    char buffer[65536];
+    DWORD got = 0;
+    bool ok;
+    while ((ok = ReadFile(file, buffer, sizeof buffer, &got, nullptr) != FALSE) && got > 0) content.append(buffer, got);
+    CloseHandle(file);
+    return ok ? ReadResult::kOk : ReadResult::kFailed;
+}
+
+// Writes the temporary file and renames it to the next generation's name. That rename is the
+// commit; its target name is new, so no reader can hold it open and block it.
+bool commit(const std::string& folder, uint64_t generation, const std::string& content) {
+    std::string temporary = folder + kTemporaryFile;
     HANDLE file = CreateFileA(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) return false;
     DWORD written = 0;
     bool ok = WriteFile(file, content.data(), static_cast<DWORD>(content.size()), &written, nullptr) &&
-              written == content.size() && FlushFileBuffers(file);
+              written == content.size();
+    stopPoint("after-temp-write");
+    ok = ok && FlushFileBuffers(file);
     CloseHandle(file);
-    return ok && MoveFileExA(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+    if (!ok) return false;
+    stopPoint("before-rename");
+    if (!MoveFileExA(temporary.c_str(), (folder + "\\" + stateName(generation)).c_str(), MOVEFILE_WRITE_THROUGH))
+        return false;
+    stopPoint("after-rename");
+    return true;
 }
 
-// The cross-process lock over the store folder, shared for readers and exclusive for writers.
-class StoreLock {
+// The exclusive cross-process lock that serialises writers; readers never take it.
+class WriterLock {
 public:
-    StoreLock(const std::string& folder, bool exclusive) {
+    explicit WriterLock(const std::string& folder) {
         if (!createFolders(folder)) return;
         file_ = CreateFileA((folder + "\\store.lock").c_str(), GENERIC_READ | GENERIC_WRITE,
                             FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
         if (file_ == INVALID_HANDLE_VALUE) return;
         OVERLAPPED region{};
-        locked_ = LockFileEx(file_, exclusive ? LOCKFILE_EXCLUSIVE_LOCK : 0, 0, 1, 0, &region) != FALSE;
+        locked_ = LockFileEx(file_, LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &region) != FALSE;
     }
-    ~StoreLock() {
+    ~WriterLock() {
         if (locked_) {
             OVERLAPPED region{};
             UnlockFileEx(file_, 0, 1, 0, &region);
         }
         if (file_ != INVALID_HANDLE_VALUE) CloseHandle(file_);
     }
-    StoreLock(const StoreLock&) = delete;
-    StoreLock& operator=(const StoreLock&) = delete;
+    WriterLock(const WriterLock&) = delete;
+    WriterLock& operator=(const WriterLock&) = delete;
     bool locked() const { return locked_; }
 
 private:
@@ -171,13 +282,13 @@ private:
     bool locked_ = false;
 };
 
-// Last state read in this process, kept while the folder's generation stays the same.
+// Last state read in this process, with the listing entry of the file it came from.
 struct Cache {
     std::mutex mutex;
     std::string folder;
-    std::string generation;
+    Newest file;
     bool valid = false;
-    StoreState state;
+    Snapshot state;
 };
 
 Cache& cache() {
@@ -185,33 +296,96 @@ Cache& cache() {
     return instance;
 }
 
-enum class LoadResult { kLoaded, kCorrupt };
+// Serialises this process's writers before they queue for the file lock.
+std::mutex& writerMutex() {
+    static std::mutex instance;
+    return instance;
+}
 
-// Called with the store lock held and the cache mutex held.
-LoadResult loadLocked(Cache& c, const std::string& folder) {
-    std::string generation;
-    if (!readFile(folder + "\\generation", generation)) generation.clear();
-    if (c.valid && c.folder == folder && c.generation == generation && !generation.empty()) return LoadResult::kLoaded;
+const Snapshot& emptyState() {
+    static const Snapshot empty = std::make_shared<const StoreState>();
+    return empty;
+}
 
-    std::string content;
-    StoreState state;
-    if (readFile(folder + "\\tokens.json", content)) {
-        try {
-            state = fromJson(json::parse(content));
-        } catch (const std::exception& error) {
-            std::fprintf(stderr, "soft token: store %s is unreadable: %s\n", folder.c_str(), error.what());
-            c.valid = false;
-            return LoadResult::kCorrupt;
+// The committed state, parsed only when the newest file differs from the one cached. The file
+// work happens outside the cache mutex, so concurrent readers only queue for the comparison.
+bool loadCurrent(const std::string& folder, Snapshot& out) {
+    Cache& c = cache();
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        Newest newest;
+        if (!findNewest(folder, newest)) return false;
+        {
+            std::lock_guard<std::mutex> guard(c.mutex);
+            if (c.valid && c.folder == folder && c.file == newest) {
+                out = c.state;
+                return true;
+            }
         }
+        Snapshot state = emptyState();
+        if (newest.exists) {
+            std::string content;
+            ReadResult read = readWhole(folder + "\\" + newest.name, content);
+            if (read == ReadResult::kGone) continue;
+            try {
+                if (read != ReadResult::kOk) throw std::runtime_error("read failed");
+                StoreState parsed = fromJson(json::parse(content));
+                // The name orders the files, so it is what the next commit must go past.
+                if (isStateName(newest.name))
+                    parsed.generation = std::strtoull(newest.name.c_str() + sizeof kStatePrefix - 1, nullptr, 10);
+                state = std::make_shared<const StoreState>(std::move(parsed));
+            } catch (const std::exception& error) {
+                std::fprintf(stderr, "soft token: store %s is unreadable (%s): %s\n", folder.c_str(),
+                             newest.name.c_str(), error.what());
+                return false;
+            }
+        }
+        std::lock_guard<std::mutex> guard(c.mutex);
+        // A slower reader must not put back an older state than one already cached.
+        if (!c.valid || c.folder != folder || c.state->generation <= state->generation) {
+            c.folder = folder;
+            c.file = newest;
+            c.state = state;
+            c.valid = true;
+        }
+        out = std::move(state);
+        return true;
     }
-    c.folder = folder;
-    c.generation = generation;
-    c.state = std::move(state);
-    c.valid = true;
-    return LoadResult::kLoaded;
+    return false;
 }
 
 }  // namespace
+
+bool isUtf8(const std::string& text) {
+    const unsigned char* s = reinterpret_cast<const unsigned char*>(text.data());
+    size_t n = text.size();
+    for (size_t i = 0; i < n;) {
+        unsigned char c = s[i];
+        size_t extra;
+        unsigned char low = 0x80, high = 0xBF;  // range of the second byte
+        if (c < 0x80) {
+            ++i;
+            continue;
+        } else if (c >= 0xC2 && c <= 0xDF) {
+            extra = 1;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            extra = 2;
+            if (c == 0xE0) low = 0xA0;   // no overlong forms
+            if (c == 0xED) high = 0x9F;  // no surrogates
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            extra = 3;
+            if (c == 0xF0) low = 0x90;
+            if (c == 0xF4) high = 0x8F;  // nothing above U+10FFFF
+        } else {
+            return false;
+        }
+        if (i + extra >= n) return false;
+        if (s[i + 1] < low || s[i + 1] > high) return false;
+        for (size_t k = 2; k <= extra; ++k)
+            if (s[i + k] < 0x80 || s[i + k] > 0xBF) return false;
+        i += extra + 1;
+    }
+    return true;
+}
 
 TokenRecord* StoreState::find(const std::string& serial) {
     for (TokenRecord& token : tokens)
@@ -238,41 +412,49 @@ std::string storeFolder() {
     return base + "\\Orvane\\SoftToken";
 }
 
-bool readStore(StoreState& state) {
-    std::string folder = storeFolder();
-    StoreLock lock(folder, false);
-    Cache& c = cache();
-    std::lock_guard<std::mutex> guard(c.mutex);
-    if (!lock.locked() || loadLocked(c, folder) != LoadResult::kLoaded) {
-        state = StoreState{};
-        return false;
-    }
-    state = c.state;
-    return true;
+bool readStore(Snapshot& state) {
+    if (loadCurrent(storeFolder(), state)) return true;
+    state = emptyState();
+    return false;
+}
+
+Snapshot readStore() {
+    Snapshot state;
+    readStore(state);
+    return state;
 }
 
 int updateStore(const std::function<int(StoreState&)>& mutate) {
     std::string folder = storeFolder();
-    StoreLock lock(folder, true);
+    std::lock_guard<std::mutex> writer(writerMutex());
+    WriterLock lock(folder);
     if (!lock.locked()) return kStoreError;
-    Cache& c = cache();
-    std::lock_guard<std::mutex> guard(c.mutex);
-    if (loadLocked(c, folder) != LoadResult::kLoaded) return kStoreError;
+    // Under the file lock nobody else commits, so this is the freshest state.
+    Snapshot committed;
+    if (!loadCurrent(folder, committed)) return kStoreError;
 
-    StoreState next = c.state;
+    StoreState next = *committed;
     int result = mutate(next);
     if (result != kOk) return result;
+    next.generation = committed->generation + 1;
+    Snapshot written = std::make_shared<const StoreState>(std::move(next));
+    if (!commit(folder, written->generation, toJson(*written).dump(1))) return kStoreError;
 
-    uint64_t counter = 0;
-    std::sscanf(c.generation.c_str(), "%llu", reinterpret_cast<unsigned long long*>(&counter));
-    next.generation = (counter > next.generation ? counter : next.generation) + 1;
-    std::string generation = std::to_string(next.generation);
-    if (!replaceFile(folder + "\\tokens.json", toJson(next).dump(1)) || !replaceFile(folder + "\\generation", generation)) {
-        c.valid = false;
-        return kStoreError;
+    // Older generations are only history now; one still open in a reader goes when it closes.
+    Newest newest;
+    std::vector<std::string> older;
+    if (findNewest(folder, newest, &older)) {
+        for (const std::string& name : older) DeleteFileA((folder + "\\" + name).c_str());
+        // Remember what was committed so that this process does not parse its own write again.
+        Cache& c = cache();
+        std::lock_guard<std::mutex> guard(c.mutex);
+        if (newest.name == stateName(written->generation)) {
+            c.folder = folder;
+            c.file = newest;
+            c.state = written;
+            c.valid = true;
+        }
     }
-    c.state = std::move(next);
-    c.generation = generation;
     return kOk;
 }
 
@@ -289,24 +471,27 @@ int callCount(const std::string& operation) {
     return found == callCounts.end() ? 0 : found->second;
 }
 
-int consumeFault(const std::string& operation) {
+int consumeFault(const std::string& operation, Snapshot* state) {
     {
         std::lock_guard<std::mutex> guard(callCountMutex);
         ++callCounts[operation];
     }
-    StoreState state;
-    readStore(state);
-    auto armed = state.faults.find(operation);
-    if (armed == state.faults.end() || armed->second.remaining <= 0) return kOk;
+    Snapshot current = readStore();
+    auto armed = current->faults.find(operation);
+    if (armed == current->faults.end() || armed->second.remaining <= 0) {
+        if (state) *state = std::move(current);
+        return kOk;
+    }
 
     int code = kOk;
     updateStore([&](StoreState& fresh) {
         auto fault = fresh.faults.find(operation);
-        if (fault == fresh.faults.end() || fault->second.remaining <= 0) return kOk;
+        if (fault == fresh.faults.end() || fault->second.remaining <= 0) return static_cast<int>(kOk);
         code = fault->second.code;
         if (--fault->second.remaining == 0) fresh.faults.erase(fault);
-        return kOk;
+        return static_cast<int>(kOk);
     });
+    if (code == kOk && state) *state = readStore();
     return code;
 }
 

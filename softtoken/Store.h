@@ -1,15 +1,20 @@
 // The software token's persistent store: every token, key and injected fault, shared by
 // all processes that point at the same folder.
 //
-// Layout of the folder: "tokens.json" (the whole state), "generation" (a counter bumped on
-// every write, so a reader that has seen it already parses nothing) and "store.lock" (the
-// file lock that serialises writers across processes). Writes go to a temporary file that
-// then replaces the original, so a crash mid-update leaves the previous state intact.
+// Layout of the folder: "state-<generation>.json" (the whole state; the highest generation is
+// the current one), "store.lock" (the file lock that serialises writers across processes) and
+// "state.tmp" (a write in progress). A writer holding the lock writes state.tmp and renames it
+// to the next generation's name: that rename is the only commit point, so a writer dying at
+// any moment leaves the old or the new state. It then deletes the older generations.
+// The current state file is never replaced in place, because Windows (and Wine) refuse to
+// rename over a file that a reader holds open. Readers take no lock: they list the folder and
+// parse only when the newest file is not the one they read last.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -79,19 +84,28 @@ struct StoreState {
     const TokenRecord* connected(const char* serial) const;
 };
 
+// Caller-supplied text (labels, serials, PINs) may be in any code page; JSON needs UTF-8, so
+// text that is not UTF-8 is stored as its bytes in hex and still comes back byte for byte.
+bool isUtf8(const std::string& text);
+
 // The folder named by ORVANE_TOKEN_STORE, else %ProgramData%\Orvane\SoftToken.
 std::string storeFolder();
 
-// Reads the current state. False (and an empty state) when the store is unreadable.
-bool readStore(StoreState& state);
+// The last committed state, shared read-only: unchanged stores cost a change check only.
+using Snapshot = std::shared_ptr<const StoreState>;
 
-// Runs mutate on the freshest state under the cross-process lock and writes the result back
-// when mutate returns 0. Returns mutate's result, or a store error code.
+// Reads the current state. False (and an empty state) when the store is unreadable.
+bool readStore(Snapshot& state);
+Snapshot readStore();
+
+// Runs mutate on the freshest committed state under the cross-process lock and commits the
+// result when mutate returns 0. Returns mutate's result, or a store error code.
 int updateStore(const std::function<int(StoreState&)>& mutate);
 
 // Every library operation calls this first. It counts the call (per process) and, if a fault
-// is armed for the operation, uses up one occurrence and returns its code; else 0.
-int consumeFault(const std::string& operation);
+// is armed for the operation, uses up one occurrence and returns its code; else 0 and, when
+// state is given, the snapshot it looked at.
+int consumeFault(const std::string& operation, Snapshot* state = nullptr);
 int callCount(const std::string& operation);
 
 }  // namespace softtoken

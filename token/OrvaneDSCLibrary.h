@@ -209,6 +209,8 @@ ORVANE_DSC_API int orvane_decrypt_aes(const char* serialNumber, const unsigned c
                                       void* ctx);
 
 // Public-key operations. orvane_encrypt writes a modulus-sized ciphertext; *cipherLength is output only.
+// With a modulus of k bytes it takes at most k - 11 bytes of plaintext with PADDING_PKCS1 and
+// k - 42 with PADDING_OAEP (SHA-1); longer plaintext is refused with a failure code.
 ORVANE_DSC_API int orvane_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* plain,
                                   int plainLength, unsigned char* cipher, int* cipherLength,
                                   const unsigned char* publicKey, int publicKeyLength, void* ctx);
@@ -217,7 +219,13 @@ ORVANE_DSC_API int orvane_verifySignatureHash(unsigned int mechanism, const char
                                               const unsigned char* publicKey, int publicKeyLength,
                                               const unsigned char* signature, int signatureLength, void* ctx);
 
-// Hashing
+// Hashing. orvane_finalHash answers the digest of all data fed so far and leaves the handle
+// usable: it may be called again (the digest of everything fed up to then), and
+// orvane_updateHash after a digest adds more data. A *digestLength smaller than the digest is
+// answered with a failure code and the needed size in *digestLength; the handle stays usable.
+// There is no call to release a handle, so the provider cannot free one: an abandoned handle
+// keeps about 150 bytes, or about 1.5 KB once data has been fed, until the process ends.
+// A pointer that orvane_initHash did not hand out is refused with a failure code.
 ORVANE_DSC_API int orvane_initHash(const char* serialNumber, int mechanism, void** hashHandle, void* ctx);
 ORVANE_DSC_API int orvane_updateHash(void* hashHandle, const unsigned char* data, int dataLength, void* ctx);
 ORVANE_DSC_API int orvane_finalHash(void* hashHandle, unsigned char* digest, int* digestLength, void* ctx);

@@ -192,9 +192,7 @@ BOOL WINAPI CPExportKey(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTKEY, DWORD dwBlo
             exported = failWith(NTE_BAD_TYPE);
         else
             exported = exportPublicKey(*context, *keyFromHandle(hKey), pbData, pdwDataLen);
-        DWORD lastError = GetLastError();
         Utils::logMessage("Exportkey return status : " + std::to_string(exported ? 1 : 0));
-        SetLastError(lastError);
         return exported;
     });
 }

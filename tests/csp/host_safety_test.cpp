@@ -21,6 +21,7 @@ namespace admin = softtoken::admin;
 namespace {
 
 const char kSerial[] = "SAFE-1";
+const char kSha1OfAbc[] = "A9993E364706816ABA3E25717850C26C9CD0D89D";
 const char kSha256OfAbc[] = "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD";
 const char kSha256OfAbcdef[] = "BEF57EC7F53A6D40BEB640A780A639C83BC29AC8A9816F1FC6C5C6DCD93C4721";
 
@@ -68,14 +69,30 @@ protected:
 
 std::string HostSafety::keyId_;
 
-TEST_F(HostSafety, DigestCanBeReadAfterTheHashWasSigned) {
-    HCRYPTHASH hash = sha256Of("abc");
+TEST_F(HostSafety, DigestCanBeAskedForAfterTheHashWasSigned) {
+    // Signing finishes the library hash; reading the value finishes it once more.
+    HCRYPTHASH hash = 0;
+    ASSERT_TRUE(CryptCreateHash(provider_, CALG_SHA1, 0, 0, &hash));
+    ASSERT_TRUE(CryptHashData(hash, reinterpret_cast<const BYTE*>("abc"), 3, 0));
     BYTE signature[256];
-    DWORD length = 0;
+    DWORD length = sizeof signature;
+    ASSERT_TRUE(CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, signature, &length)) << std::hex << GetLastError();
+    BYTE value[20];
+    DWORD size = sizeof value;
+    ASSERT_TRUE(CryptGetHashParam(hash, HP_HASHVAL, value, &size, 0)) << std::hex << GetLastError();
+    EXPECT_EQ(kSha1OfAbc, orvane::toHex(value, size));
+    EXPECT_TRUE(CryptDestroyHash(hash));
+
+    // After signing, the hash object answers for the key's type (2 for RSA-2048), whose digest
+    // size is SHA-1's: the token refuses to put a SHA-256 digest in 20 bytes, and says so.
+    hash = sha256Of("abc");
+    length = 0;
     ASSERT_TRUE(CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, nullptr, &length));
     length = sizeof signature;
     ASSERT_TRUE(CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, signature, &length)) << std::hex << GetLastError();
-    EXPECT_EQ(kSha256OfAbc, hashValue(hash)) << "signing finished the hash; reading the value finishes it again";
+    size = sizeof value;
+    EXPECT_TRUE(failsWith(CryptGetHashParam(hash, HP_HASHVAL, value, &size, 0), NTE_FAIL));
+    EXPECT_TRUE(CryptHashData(hash, reinterpret_cast<const BYTE*>("more"), 4, 0)) << std::hex << GetLastError();
     EXPECT_TRUE(CryptDestroyHash(hash));
 }
 

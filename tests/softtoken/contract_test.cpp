@@ -146,24 +146,116 @@ TEST_F(SoftTokenTest, DecryptsWhatOpenSslEncryptedWithPkcs1AndOaep) {
     }
 }
 
-TEST_F(SoftTokenTest, EncryptsForAnRsaPublicKeyThatOpenSslDecrypts) {
+TEST_F(SoftTokenTest, DecryptionRefusesAPkcs1BlockWithFewerThanEightPaddingBytes) {
+    // Raw RSA of hand-made blocks 00 02 PS 00 M: PS of 8 bytes is the least the scheme allows.
+    for (size_t padding : {8u, 7u}) {
+        Bytes block = {0x00, 0x02};
+        block.insert(block.end(), padding, 0x5A);
+        block.push_back(0x00);
+        Bytes message(256 - block.size(), 0x33);
+        block.insert(block.end(), message.begin(), message.end());
+        writeFile(workDir() + "/raw.bin", block);
+        HostResult host = runHost("openssl pkeyutl -encrypt -pubin -keyform DER -inkey rsa2048.pub.der "
+                                  "-pkeyopt rsa_padding_mode:none -in raw.bin -out raw.enc");
+        ASSERT_EQ(0, host.exitCode) << host.output;
+        Bytes cipher = readFile(workDir() + "/raw.enc");
+        unsigned char* plain = nullptr;
+        int plainLength = 0;
+        int status = orvane_decrypt(kSerial, key("rsa2048").keyId.data(), kPin, cipher.data(),
+                                    static_cast<int>(cipher.size()), &plain, &plainLength, false, nullptr);
+        if (padding == 8) {
+            ASSERT_EQ(0, status);
+            EXPECT_EQ(message, Bytes(plain, plain + plainLength));
+            delete[] plain;
+        } else {
+            EXPECT_NE(0, status) << "seven padding bytes";
+        }
+    }
+}
+
+TEST_F(SoftTokenTest, EncryptsUpToEachPaddingsLimitForAnRsaKeyThatOpenSslDecrypts) {
     HostResult host = runHost(
         "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out host.key 2>/dev/null && "
         "openssl pkey -in host.key -pubout -outform DER -out host.pub.der");
     ASSERT_EQ(0, host.exitCode) << host.output;
     Bytes spki = readFile(workDir() + "/host.pub.der");
-    Bytes message = bytesOf("pay the bearer");
-    for (PaddingMode padding : {PADDING_PKCS1, PADDING_OAEP}) {
+    struct Case {
+        PaddingMode padding;
+        size_t length;
+        bool accepted;
+    };
+    // A 256-byte modulus: PKCS#1 v1.5 frames take 11 bytes, OAEP with SHA-1 42.
+    const Case cases[] = {{PADDING_PKCS1, 14, true}, {PADDING_PKCS1, 245, true}, {PADDING_PKCS1, 246, false},
+                          {PADDING_OAEP, 14, true},  {PADDING_OAEP, 214, true},  {PADDING_OAEP, 215, false}};
+    for (const Case& c : cases) {
+        Bytes message(c.length);
+        for (size_t i = 0; i < message.size(); ++i) message[i] = static_cast<unsigned char>(i * 13 + c.length);
         Bytes cipher(256);
         int length = 0;
-        ASSERT_EQ(0, orvane_encrypt(ENCRYPTION_RSA_2048, padding, message.data(), static_cast<int>(message.size()),
-                                    cipher.data(), &length, spki.data(), static_cast<int>(spki.size()), nullptr));
+        int status = orvane_encrypt(ENCRYPTION_RSA_2048, c.padding, message.data(), static_cast<int>(message.size()),
+                                    cipher.data(), &length, spki.data(), static_cast<int>(spki.size()), nullptr);
+        if (!c.accepted) {
+            EXPECT_NE(0, status) << c.length << " bytes, padding " << c.padding;
+            continue;
+        }
+        ASSERT_EQ(0, status) << c.length << " bytes, padding " << c.padding;
         EXPECT_EQ(256, length);
         writeFile(workDir() + "/to-host.bin", cipher);
-        HostResult decrypted = runHost(std::string("openssl pkeyutl -decrypt -inkey host.key -in to-host.bin") +
-                                       (padding == PADDING_OAEP ? " -pkeyopt rsa_padding_mode:oaep" : ""));
-        EXPECT_EQ("pay the bearer", decrypted.output) << "padding " << padding;
+        HostResult decrypted = runHost(std::string("openssl pkeyutl -decrypt -inkey host.key -in to-host.bin -out "
+                                                   "from-token.bin") +
+                                       (c.padding == PADDING_OAEP ? " -pkeyopt rsa_padding_mode:oaep" : ""));
+        EXPECT_EQ(0, decrypted.exitCode) << decrypted.output;
+        EXPECT_EQ(message, readFile(workDir() + "/from-token.bin")) << c.length << " bytes, padding " << c.padding;
     }
+}
+
+TEST_F(SoftTokenTest, RecordsTheArgumentsOfTheLatestCallEvenWhenAFaultAnswers) {
+    using Recorded = std::map<std::string, long long>;
+    EXPECT_EQ(Recorded{}, admin::lastArguments("orvane_neverCalled"));
+    Bytes spki = publicKeyInfo("rsa1024"), message = bytesOf("hello"), cipher(128);
+    int length = 0;
+    ASSERT_EQ(0, orvane_encrypt(ENCRYPTION_RSA_1024, PADDING_OAEP, message.data(), 5, cipher.data(), &length,
+                                spki.data(), static_cast<int>(spki.size()), nullptr));
+    EXPECT_EQ((Recorded{{"type", 7}, {"padding", 4}, {"plainLength", 5},
+                        {"publicKeyLength", static_cast<long long>(spki.size())}}),
+              admin::lastArguments("orvane_encrypt"));
+
+    ASSERT_EQ(0, admin::injectFault("orvane_signHash", 1, 49));
+    Bytes digest(32, 0x42), signature(512);
+    length = 512;
+    EXPECT_EQ(49, orvane_signHash(kSerial, key("p256").keyId.data(), kPin, digest.data(), 32, signature.data(), &length,
+                                  true, nullptr));
+    EXPECT_EQ((Recorded{{"flag", 1}, {"hashLength", 32}, {"signatureCapacity", 512}}),
+              admin::lastArguments("orvane_signHash"));
+}
+
+TEST_F(SoftTokenTest, HashHandlesStayUsableAfterADigest) {
+    const std::string abc = "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD";
+    // NIST's two-block message: "abc" followed by the rest of it.
+    const std::string twoBlocks = "248D6A61D20638B8E5C026930C3E6039A33CE45964FF2167F6ECEDD419DB06C1";
+    const std::string rest = "dbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
+    auto digestOf = [](void* hash, int capacity, int* status) {
+        unsigned char digest[64] = {};
+        int length = capacity;
+        *status = orvane_finalHash(hash, digest, &length, nullptr);
+        return *status == 0 ? orvane::toHex(digest, static_cast<size_t>(length)) : std::to_string(length);
+    };
+    void* hash = nullptr;
+    int status = -1;
+    ASSERT_EQ(0, orvane_initHash(kSerial, 3, &hash, nullptr));
+    ASSERT_EQ(0, orvane_updateHash(hash, reinterpret_cast<const unsigned char*>("abc"), 3, nullptr));
+    EXPECT_EQ(abc, digestOf(hash, 64, &status));
+    EXPECT_EQ(abc, digestOf(hash, 32, &status)) << "a second digest of the same data";
+    EXPECT_EQ("32", digestOf(hash, 31, &status)) << "a short buffer gets the size needed";
+    EXPECT_NE(0, status);
+    ASSERT_EQ(0, orvane_updateHash(hash, reinterpret_cast<const unsigned char*>(rest.data()),
+                                   static_cast<int>(rest.size()), nullptr));
+    EXPECT_EQ(twoBlocks, digestOf(hash, 32, &status)) << "data after a digest adds to what came before";
+
+    unsigned char notAHandle[64] = {};
+    EXPECT_NE(0, orvane_updateHash(notAHandle, notAHandle, 1, nullptr));
+    EXPECT_EQ("64", digestOf(reinterpret_cast<void*>(0x10), 64, &status)) << "length left alone";
+    EXPECT_NE(0, status);
 }
 
 TEST_F(SoftTokenTest, UnwrapsOnlyWithTheRightTokenKek) {
@@ -345,16 +437,16 @@ TEST(SoftTokenStore, SurvivesATornWriteAndRefusesToOverwriteACorruptStore) {
     std::string folder = useFreshStore("torn");
     ASSERT_EQ(0, admin::createToken("TORN-1", "Torn", "1234", 3));
     // A writer that died before its rename leaves a partial temporary file behind.
-    writeText(folder + "/tokens.json.tmp", "{\"generation\": 9, \"tok");
+    writeText(folder + "/state.tmp", "{\"generation\": 9, \"tok");
     EXPECT_EQ(std::vector<std::string>{"TORN-1"}, orvane_getConnectedDeviceList(false, nullptr));
     EXPECT_EQ(0, admin::createToken("TORN-2", "Torn", "1234", 3));
     EXPECT_EQ(2u, orvane_getConnectedDeviceList(false, nullptr).size());
 
-    writeText(folder + "/tokens.json", "{ not json");
-    writeText(folder + "/generation", "999");
+    std::string newest = folder + "/state-00000000000000000999.json";
+    writeText(newest, "{ not json");
     EXPECT_TRUE(orvane_getConnectedDeviceList(false, nullptr).empty());
     EXPECT_NE(0, admin::createToken("TORN-3", "Torn", "1234", 3));
-    EXPECT_EQ(bytesOf("{ not json"), readFile(folder + "/tokens.json")) << "a corrupt store is left for inspection";
+    EXPECT_EQ(bytesOf("{ not json"), readFile(newest)) << "a corrupt store is left for inspection";
 }
 
 }  // namespace

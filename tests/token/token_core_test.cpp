@@ -66,6 +66,12 @@ TEST_F(LogWriterTest, MessageWithLineBreaksIsWrittenAsItIs) {
     std::string before = readProviderLog();
     Utils::logError("first\r\nsecond\nthird");
     EXPECT_NE(std::string::npos, logSince(before).find("->ERROR ::=>first\r\nsecond\nthird\n"));
+
+    // Entry points set their last error and then log: the line must not change it.
+    SetLastError(ERROR_MORE_DATA);
+    Utils::logMessage("after an error was set");
+    Utils::logError("and a failure line");
+    EXPECT_EQ(static_cast<DWORD>(ERROR_MORE_DATA), GetLastError());
 }
 
 TEST(ContainerLookup, FindsTheTokenHoldingTheKeyAndFallsBackToTheFirst) {

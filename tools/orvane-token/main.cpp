@@ -14,6 +14,7 @@
 
 #include "encoding/Hex.h"
 #include "softtoken/SoftTokenAdmin.h"
+#include "softtoken/Status.h"
 
 namespace {
 
@@ -32,6 +33,8 @@ const char kUsage[] =
     "  export-pub SERIAL KEYID FILE.der             DER SubjectPublicKeyInfo\n"
     "  fault OPERATION COUNT CODE                   next COUNT calls of OPERATION return CODE\n"
     "  clear-faults\n"
+    "  try-pin SERIAL PIN COUNT                     checks PIN COUNT times as an application would\n"
+    "                                               (a wrong PIN counts down); prints the tries left\n"
     "  list\n";
 
 const std::map<std::string, int> kKeyPairTypes = {{"rsa1024", 1}, {"rsa2048", 2}, {"rsa3072", 3}, {"rsa4096", 4},
@@ -134,6 +137,16 @@ int run(const Arguments& a) {
     if (command == "fault" && need(3))
         return report(admin::injectFault(p[1], number(p[2]), number(p[3])), "fault");
     if (command == "clear-faults") return report(admin::clearFaults(), "clear-faults");
+    if (command == "try-pin" && need(3)) {
+        int remaining = -1, status = 0;
+        for (int i = 0; i < number(p[3]); ++i) {
+            status = orvane_validatePassword(p[1].c_str(), p[2].c_str(), 1, &remaining, nullptr);
+            // Only a right, wrong or locked PIN is an answer about the PIN.
+            if (status != softtoken::kOk && status != softtoken::kPinIncorrect && status != softtoken::kPinLocked)
+                return report(status, "try-pin");
+        }
+        return report(0, "try-pin", std::to_string(remaining));
+    }
     if (command == "list") return report(0, "list", admin::describe());
     return fail("bad command line\n" + std::string(kUsage));
 }
