@@ -4,6 +4,7 @@
 
 #include "encoding/Der.h"
 #include "encoding/Hex.h"
+#include "encoding/PublicKeyForm.h"
 #include "softtoken/Asn1.h"
 #include "softtoken/Calls.h"
 #include "softtoken/Objects.h"
@@ -147,11 +148,7 @@ int exportPublicKey(const std::string& serial, const std::string& keyIdHex,
         if (token == nullptr) return static_cast<int>(kObjectNotFound);
         for (const KeyPairRecord& key : token->keyPairs) {
             if (orvane::toHex(key.keyId) != keyIdHex) continue;
-            if (!key.publicKey.empty() && key.publicKey[0] == 0x30) {
-                subjectPublicKeyInfo = key.publicKey;
-            } else {
-                subjectPublicKeyInfo = orvane::encodeRsaPublicKeyDer(orvane::toHex(key.publicKey), "010001");
-            }
+            subjectPublicKeyInfo = orvane::publicKeyAsDer(key.publicKey.data(), key.publicKey.size());
             return static_cast<int>(kOk);
         }
         return static_cast<int>(kObjectNotFound);
