@@ -59,5 +59,15 @@ openssl dgst -sha256 -verify "$demo/signing-pub.pem" -signature "$demo/document.
 openssl x509 -inform DER -in "$demo/signing-cert.der" -out "$demo/signing-cert.pem"
 openssl verify -CAfile "$demo/ca.pem" "$demo/signing-cert.pem"
 
+step "Signing the document through the CNG key storage provider (RSA-2048 and P-256); OpenSSL verifies both"
+# The token is signed on with the PIN the CryptoAPI run validated; each process asks afresh,
+# so sign on in Token Manager's place for this step.
+tool sign-on DEMO-0001 1 1 >/dev/null
+for key in "$signing_key" "$ec_key"; do
+    wine "$root/build/bin/orvane-ksp-sign.exe" "$key" "$demo/document.txt" "$demo/document.$key.ksp.sig"
+    openssl x509 -inform DER -in "$demo/$key.cert.der" -pubkey -noout > "$demo/$key.pub.pem"
+    openssl dgst -sha256 -verify "$demo/$key.pub.pem" -signature "$demo/document.$key.ksp.sig" "$demo/document.txt"
+done
+
 step "Provider log (logLevel 3) of the demo run"
 tail -n 12 "$WINEPREFIX"/drive_c/users/*/Temp/Kestrelon/orvane-demo.exe/*.LOG

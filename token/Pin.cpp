@@ -99,6 +99,18 @@ bool ensurePinValidatedKsp(const std::string& serial, void* libraryContext) {
     return true;
 }
 
+int acceptCallerPinKsp(const std::string& serial, const std::string& pin, void* libraryContext) {
+    Utils::logMessage("KSP: Setting PIN via property");
+    int remainingAttempts = 0;
+    int result = orvane_validatePassword(serial.c_str(), pin.c_str(), 1, &remainingAttempts, libraryContext);
+    if (result != 0) {
+        Utils::logError("KSP: PIN validation failed: " + std::to_string(result));
+        return result;
+    }
+    storeValidatedPin(serial, pin);
+    return 0;
+}
+
 SignOnRetryOutcome runWithSignOnRetry(const std::string& serial, const char* expiredLogLine,
                                       const std::function<bool()>& ensurePinValidated,
                                       const std::function<int(const std::string& pin)>& operation) {

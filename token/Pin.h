@@ -18,6 +18,10 @@ bool isTokenSignedOn(const std::string& serial, void* libraryContext);
 bool ensurePinValidatedCsp(const std::string& serial, void* libraryContext);
 // CNG face. False when the user cancelled or the PIN is locked; the face reports it.
 bool ensurePinValidatedKsp(const std::string& serial, void* libraryContext);
+// A PIN the caller hands the CNG face as "SmartCardPin": checked by the token as the user
+// PIN and, when accepted, cached for the token so later key operations need no prompt.
+// Returns the library's result; the sign-on state changes only on 0.
+int acceptCallerPinKsp(const std::string& serial, const std::string& pin, void* libraryContext);
 
 struct SignOnRetryOutcome {
     bool pinCheckFailed = false;  // the renewed PIN check failed; its error stands

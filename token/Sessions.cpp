@@ -89,9 +89,14 @@ std::vector<std::string> removeSessionsExcept(const std::set<std::string>& conne
 }
 
 bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& texts) {
+    std::vector<std::string> serials;
+    return initializeConnectedDevices(libraryContext, texts, serials);
+}
+
+bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& texts, std::vector<std::string>& serials) {
     orvane_init(0, nullptr, 2);
     startDeviceMonitor();
-    std::vector<std::string> serials = orvane_getConnectedDeviceList(false, libraryContext);
+    serials = orvane_getConnectedDeviceList(false, libraryContext);
     if (serials.empty()) {
         Utils::logError(texts.noToken);
         return false;

@@ -36,6 +36,8 @@ extern const DeviceInitTexts kKspDeviceInitTexts;
 // orvane_init, the device monitor, then orvane_initDevice for each connected token not yet
 // initialised in this process. False (after the error line) when no token is connected.
 bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& texts);
+// The same, handing back the serials it read (the KSP keeps the first), so no second list call is made.
+bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& texts, std::vector<std::string>& serials);
 
 // The token holding a key pair whose hex key id equals the name (ignoring case); with no
 // name or no match, the first connected token; empty when none is connected.

@@ -1,23 +1,238 @@
-// Not built yet: each entry refuses with NTE_NOT_SUPPORTED.
+// KSPEncrypt, KSPDecrypt, KSPSignHash and KSPVerifySignature. CNG hands signatures and
+// ciphertexts big-endian, as the token does, so nothing is reversed on this face.
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "diagnostics/Utils.h"
+#include "encoding/CngBlobs.h"
+#include "encoding/Hex.h"
+#include "encoding/PublicKeyForm.h"
 #include "provider/ksp/KspEntries.h"
+#include "provider/ksp/KspObjects.h"
 #include "provider/ksp/KspResult.h"
+#include "token/KeyPairFacts.h"
+#include "token/OrvaneDSCLibrary.h"
+#include "token/Pin.h"
+#include "token/PrivateKeyOperations.h"
+#include "token/Sessions.h"
+#include "token/SharedKeyState.h"
 
 namespace orvane::ksp {
+namespace {
 
-SECURITY_STATUS WINAPI KSPEncrypt(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, PBYTE, DWORD, VOID*, PBYTE, DWORD, DWORD*, DWORD) {
-    return guardEntry("KSPEncrypt", [] { return NTE_NOT_SUPPORTED; });
+// The largest ciphertext the token makes (RSA-4096): the library writes a modulus-sized
+// ciphertext whatever size the key object records.
+const size_t kLargestCiphertext = 512;
+// Room beyond the ciphertext for a library that writes a block more than it was given.
+const size_t kSymmetricSlack = 32;
+
+// A PIN already accepted, or Token Manager's sign-on: either way no dialog would appear.
+bool signedOnAlready(const KspProvider& provider) {
+    return (isPinValidated(provider.serialNumber) && !getCachedPin(provider.serialNumber).empty()) ||
+           isTokenSignedOn(provider.serialNumber, provider.libraryContext);
 }
 
-SECURITY_STATUS WINAPI KSPDecrypt(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, PBYTE, DWORD, VOID*, PBYTE, DWORD, DWORD*, DWORD) {
-    return guardEntry("KSPDecrypt", [] { return NTE_NOT_SUPPORTED; });
+// The silent test, then the sign-on step; 0 when the operation may go on.
+SECURITY_STATUS signOn(KspProvider& provider, DWORD flags) {
+    if ((flags & cng::kSilentFlag) && !signedOnAlready(provider)) return NTE_SILENT_CONTEXT;
+    if (!ensurePinValidatedKsp(provider.serialNumber, provider.libraryContext)) return NTE_FAIL;
+    return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS WINAPI KSPSignHash(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, VOID*, PBYTE, DWORD, PBYTE, DWORD, DWORD*, DWORD) {
-    return guardEntry("KSPSignHash", [] { return NTE_NOT_SUPPORTED; });
+PrivateKeyCall privateKeyCall(KspProvider& provider, const KspKey& key, bool tokenFlag, const char* expiredLogLine) {
+    return PrivateKeyCall{provider.serialNumber, provider.libraryContext, key.pair.keyId, tokenFlag, expiredLogLine,
+                          [&provider] { return ensurePinValidatedKsp(provider.serialNumber, provider.libraryContext); }};
 }
 
-SECURITY_STATUS WINAPI KSPVerifySignature(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, VOID*, PBYTE, DWORD, PBYTE, DWORD, DWORD) {
-    return guardEntry("KSPVerifySignature", [] { return NTE_NOT_SUPPORTED; });
+Bytes publicKeyDerOf(const KspKey& key) {
+    const unsigned char* stored = key.pair.publicKey;
+    size_t length = std::min<size_t>(key.pair.publicKeyLength, sizeof key.pair.publicKey);
+    if (isStoredPublicKeyDer(stored, length)) {
+        Utils::logMessage("KSP: Public key is already DER encoded");
+        return Bytes(stored, stored + length);
+    }
+    Utils::logMessage("KSP: Public key is raw modulus, converting to DER");
+    return modulusAsDer(stored, length);
+}
+
+SECURITY_STATUS decryptSymmetric(KspProvider& provider, KspKey& key, const BYTE* pbInput, DWORD cbInput,
+                                 PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult) {
+    bool ecb = key.chainingMode != 0;
+    Utils::logMessage(ecb ? "KSP: Symmetric decrypt ECB mode" : "KSP: Symmetric decrypt CBC mode");
+    const std::vector<unsigned char> iv = ecb ? std::vector<unsigned char>() : currentIv();
+    size_t keyLength = std::min<size_t>(key.symmetricKeyLength, sizeof key.symmetricKey);
+    Utils::logMessage("KSP: Decrypt input iv : " + toHex(iv));
+    Utils::logMessage("KSP: Decrypt input key : " + toHex(key.symmetricKey, keyLength));
+
+    std::vector<unsigned char> plain(size_t{cbInput} + kSymmetricSlack);
+    int length = static_cast<int>(std::min<size_t>(plain.size(), 0x7FFFFFFF));
+    int result = orvane_decryptSymetric(provider.serialNumber.c_str(), pbInput, static_cast<int>(cbInput), plain.data(),
+                                        &length, iv.empty() ? nullptr : iv.data(), static_cast<int>(iv.size()),
+                                        key.symmetricKey, static_cast<int>(keyLength), provider.libraryContext);
+    if (result == 0 && (length < 0 || static_cast<size_t>(length) > plain.size())) result = kImpossibleLibraryAnswer;
+    if (result != 0) {
+        Utils::logError("KSP: Symmetric decryption failed: " + std::to_string(result));
+        return NTE_INTERNAL_ERROR;
+    }
+    // A null or short buffer learns the length only after the whole decryption.
+    if (pbOutput == nullptr || cbOutput < static_cast<DWORD>(length)) Utils::logMessage("pbOutput == NULL ");
+    else Utils::logMessage("KSP: Symmetric decrypt success, length: " + std::to_string(length));
+    SECURITY_STATUS status = copyPropertyValue(plain.data(), static_cast<DWORD>(length), pbOutput, cbOutput, pcbResult);
+    SecureZeroMemory(plain.data(), plain.size());
+    return status;
+}
+
+SECURITY_STATUS decryptWithTokenKey(KspProvider& provider, KspKey& key, const BYTE* pbInput, DWORD cbInput,
+                                    PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult) {
+    PrivateKeyResult plain =
+        decryptOnToken(privateKeyCall(provider, key, key.pair.tokenFlag, "KSP: Decrypt SSO expired, re-prompting for PIN"),
+                       std::vector<unsigned char>(pbInput, pbInput + cbInput), nullptr);
+    if (plain.pinCheckFailed) return NTE_FAIL;
+    if (plain.result != 0) {
+        Utils::logError("KSP: Decrypt failed: " + std::to_string(plain.result));
+        return NTE_INTERNAL_ERROR;
+    }
+    SECURITY_STATUS status =
+        copyPropertyValue(plain.output.data(), static_cast<DWORD>(plain.output.size()), pbOutput, cbOutput, pcbResult);
+    SecureZeroMemory(plain.output.data(), plain.output.size());
+    if (status == ERROR_SUCCESS) Utils::logMessage("KSP: Decrypt success");
+    return status;
+}
+
+}  // namespace
+
+SECURITY_STATUS WINAPI KSPEncrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput,
+                                  VOID*, PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
+    return guardEntry("KSPEncrypt", [&]() -> SECURITY_STATUS {
+        KspProvider* provider = providerFromHandle(hProvider);
+        if (provider == nullptr) return NTE_INVALID_HANDLE;
+        KspKey* key = keyFromHandle(hKey);
+        if (key == nullptr || pcbResult == nullptr) return NTE_INVALID_PARAMETER;
+
+        DWORD size = key->pair.bitLength / 8;
+        *pcbResult = size;
+        if (pbOutput == nullptr) return ERROR_SUCCESS;
+        if (cbOutput < size) return NTE_BUFFER_TOO_SMALL;
+        if (pbInput == nullptr || cbInput == 0) return NTE_INVALID_PARAMETER;
+        if (SECURITY_STATUS refused = signOn(*provider, dwFlags)) return refused;
+
+        Bytes der = publicKeyDerOf(*key);
+        Bytes cipher(std::max<size_t>(size, kLargestCiphertext));
+        int length = 0;
+        int result = orvane_encrypt(encryptionTypeForSize(key->pair.bitLength),
+                                    static_cast<PaddingMode>(cng::paddingModeForFlags(dwFlags)), pbInput,
+                                    static_cast<int>(cbInput), cipher.data(), &length, der.data(),
+                                    static_cast<int>(der.size()), provider->libraryContext);
+        if (result == 0 && (length < 0 || static_cast<size_t>(length) > cipher.size())) result = kImpossibleLibraryAnswer;
+        if (result != 0) {
+            Utils::logError("KSP: Encrypt failed: " + std::to_string(result));
+            return NTE_INTERNAL_ERROR;
+        }
+        // The key object may record a smaller size than the key really has: the buffer decides.
+        SECURITY_STATUS status = copyPropertyValue(cipher.data(), static_cast<DWORD>(length), pbOutput, cbOutput, pcbResult);
+        if (status == ERROR_SUCCESS) Utils::logMessage("KSP: Encrypt success");
+        return status;
+    });
+}
+
+SECURITY_STATUS WINAPI KSPDecrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput,
+                                  VOID*, PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
+    return guardEntry("KSPDecrypt", [&]() -> SECURITY_STATUS {
+        KspProvider* provider = providerFromHandle(hProvider);
+        if (provider == nullptr) return NTE_INVALID_HANDLE;
+        KspKey* key = keyFromHandle(hKey);
+        if (key == nullptr || pcbResult == nullptr) return NTE_INVALID_PARAMETER;
+
+        bool symmetric = key->symmetricKeyLength > 0;
+        if (!symmetric && pbOutput == nullptr) {
+            *pcbResult = key->pair.bitLength / 8;
+            return ERROR_SUCCESS;
+        }
+        if (pbInput == nullptr || cbInput == 0) return NTE_INVALID_PARAMETER;
+        if (SECURITY_STATUS refused = signOn(*provider, dwFlags)) return refused;
+
+        return symmetric ? decryptSymmetric(*provider, *key, pbInput, cbInput, pbOutput, cbOutput, pcbResult)
+                         : decryptWithTokenKey(*provider, *key, pbInput, cbInput, pbOutput, cbOutput, pcbResult);
+    });
+}
+
+SECURITY_STATUS WINAPI KSPSignHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, VOID*, PBYTE pbHashValue,
+                                   DWORD cbHashValue, PBYTE pbSignature, DWORD cbSignature, DWORD* pcbResult,
+                                   DWORD dwFlags) {
+    return guardEntry("KSPSignHash", [&]() -> SECURITY_STATUS {
+        KspProvider* provider = providerFromHandle(hProvider);
+        if (provider == nullptr) return NTE_INVALID_HANDLE;
+        KspKey* key = keyFromHandle(hKey);
+        if (key == nullptr || pcbResult == nullptr) return NTE_INVALID_PARAMETER;
+
+        // bitLength / 8 also for EC keys, although their signatures are twice as long.
+        DWORD size = key->pair.bitLength / 8;
+        if (pbSignature == nullptr) {
+            *pcbResult = size;
+            Utils::logMessage("KSP: SignHash size query, returning " + std::to_string(size));
+            return ERROR_SUCCESS;
+        }
+        if (pbHashValue == nullptr || cbHashValue == 0) return NTE_INVALID_PARAMETER;
+        if (cbSignature < size) {
+            *pcbResult = size;
+            return NTE_BUFFER_TOO_SMALL;
+        }
+        if (SECURITY_STATUS refused = signOn(*provider, dwFlags)) return refused;
+        if (cng::asksForPssOnly(dwFlags)) {
+            Utils::logError("KSP: PSS padding not supported");
+            return NTE_NOT_SUPPORTED;
+        }
+        Utils::logMessage("KSP: SignHash - credential: " + toHex(key->pair.keyId, sizeof key->pair.keyId));
+        Utils::logMessage("KSP: SignHash - hash length: " + std::to_string(cbHashValue));
+
+        // The token's flag is not handed on here: signing always passes false.
+        PrivateKeyResult signature =
+            signOnToken(privateKeyCall(*provider, *key, false, "KSP: SignHash SSO expired, re-prompting for PIN"),
+                        std::vector<unsigned char>(pbHashValue, pbHashValue + cbHashValue), cbSignature);
+        if (signature.pinCheckFailed) return NTE_FAIL;
+        if (signature.result != 0) {
+            Utils::logError("KSP: Sign hash failed: " + std::to_string(signature.result));
+            return NTE_INTERNAL_ERROR;
+        }
+        SECURITY_STATUS status = copyPropertyValue(signature.output.data(), static_cast<DWORD>(signature.output.size()),
+                                                   pbSignature, cbSignature, pcbResult);
+        if (status == ERROR_SUCCESS)
+            Utils::logMessage("KSP: SignHash success, signature length=" + std::to_string(*pcbResult));
+        return status;
+    });
+}
+
+SECURITY_STATUS WINAPI KSPVerifySignature(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, VOID*,
+                                          PBYTE pbHashValue, DWORD cbHashValue, PBYTE pbSignature, DWORD cbSignature,
+                                          DWORD) {
+    return guardEntry("KSPVerifySignature", [&]() -> SECURITY_STATUS {
+        KspProvider* provider = providerFromHandle(hProvider);
+        KspKey* key = keyFromHandle(hKey);
+        if (provider == nullptr || key == nullptr) return NTE_INVALID_HANDLE;
+        if (pbHashValue == nullptr || cbHashValue == 0 || pbSignature == nullptr || cbSignature == 0)
+            return NTE_INVALID_PARAMETER;
+        if (key->pair.publicKeyLength == 0) {
+            Utils::logError("KSP: No public key for verification");
+            return NTE_BAD_KEY;
+        }
+
+        Bytes der = publicKeyDerOf(*key);
+        Utils::logMessage("KSP: VerifySignature - hash length: " + std::to_string(cbHashValue));
+        Utils::logMessage("KSP: VerifySignature - public key length: " + std::to_string(der.size()));
+        Utils::logMessage("KSP: VerifySignature - signature length: " + std::to_string(cbSignature));
+        int result = orvane_verifySignatureHash(static_cast<unsigned int>(key->pair.keyType),
+                                                provider->serialNumber.c_str(), pbHashValue,
+                                                static_cast<int>(cbHashValue), der.data(), static_cast<int>(der.size()),
+                                                pbSignature, static_cast<int>(cbSignature), nullptr);
+        if (result != 0) {
+            Utils::logError("KSP: Verify signature failed: " + std::to_string(result));
+            return NTE_BAD_SIGNATURE;
+        }
+        Utils::logMessage("KSP: Verify signature success");
+        return ERROR_SUCCESS;
+    });
 }
 
 }  // namespace orvane::ksp

@@ -1,0 +1,360 @@
+// Signing, verification, encryption, decryption, public key export and key import through the
+// key storage provider's table, on a signed-on token. Signatures and ciphertexts are checked by
+// OpenSSL on the host; exported blobs are read by Wine's bcrypt and advapi32.
+#include <windows.h>
+#include <wincrypt.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+
+#include "encoding/Hex.h"
+#include "softtoken/SoftTokenAdmin.h"
+#include "tests/support/KspHarness.h"
+#include "tests/support/ProviderSupport.h"
+#include "tests/support/TestSupport.h"
+#include "token/OrvaneDSCLibrary.h"
+
+using namespace orvanetest;
+namespace admin = softtoken::admin;
+using orvane::hexToBytes;
+using orvane::toHex;
+
+namespace {
+
+const char kSerial[] = "KSP-CRYPTO-1";
+const std::string kKek = "000102030405060708090A0B0C0D0E0F101112131415161718191A1B1C1D1E1F";
+const std::string kAes128 = "2B7E151628AED2A6ABF7158809CF4F3C";
+const std::string kIv = "000102030405060708090A0B0C0D0E0F";
+const std::string kBlocks = "Two AES blocks, no padding: 32 B";
+
+Bytes dword(DWORD value) { return Bytes{BYTE(value), BYTE(value >> 8), BYTE(value >> 16), BYTE(value >> 24)}; }
+Bytes join(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+Bytes rsaPublicBlob(DWORD bits, const Bytes& modulus) {
+    return join({dword(0x31415352), dword(bits), dword(3), dword(DWORD(modulus.size())), dword(0), dword(0), {1, 0, 1}, modulus});
+}
+Bytes keyDataBlob(DWORD declared, const Bytes& value) { return join({dword(0x4D42444B), dword(1), dword(declared), value}); }
+
+// A script for OpenSSL on the host, run in the work folder; the bytes of the file it wrote.
+Bytes onHost(const std::string& script, const std::string& output) {
+    HostResult host = runHost(script);
+    EXPECT_EQ(0, host.exitCode) << script << "\n" << host.output;
+    return readFile(workDir() + "/" + output);
+}
+std::string pemOf(const ProvisionedKey& key) {
+    onHost("openssl x509 -inform DER -in " + key.certificateFile + " -pubkey -noout > " + key.keyId + ".pem", key.keyId + ".pem");
+    return key.keyId + ".pem";
+}
+Bytes digestOf(const std::string& algorithm, const std::string& message) {
+    writeText(workDir() + "/message.txt", message);
+    return onHost("openssl dgst -" + algorithm + " -binary message.txt > digest.bin", "digest.bin");
+}
+std::string oaepOption(bool oaep) { return oaep ? " -pkeyopt rsa_padding_mode:oaep" : ""; }
+
+// r || s as the DER ECDSA-Sig-Value that OpenSSL reads.
+Bytes ecdsaSignatureDer(const Bytes& rs) {
+    auto integer = [](Bytes magnitude) {
+        while (magnitude.size() > 1 && magnitude[0] == 0 && magnitude[1] < 0x80) magnitude.erase(magnitude.begin());
+        if (magnitude[0] >= 0x80) magnitude.insert(magnitude.begin(), 0);
+        return join({{0x02, BYTE(magnitude.size())}, magnitude});
+    };
+    size_t half = rs.size() / 2;
+    Bytes body = join({integer(Bytes(rs.begin(), rs.begin() + half)), integer(Bytes(rs.begin() + half, rs.end()))});
+    return join({body.size() >= 0x80 ? Bytes{0x30, 0x81} : Bytes{0x30}, {BYTE(body.size())}, body});
+}
+
+// The list hands out references, not values: a stored key proves its value by unwrapping
+// what OpenSSL wrapped under that value.
+void expectStoredValue(const OrvaneSymmetricKey& stored, const std::string& value) {
+    writeFile(workDir() + "/probe.bin", hexToBytes(kIv));
+    Bytes wrapped = onHost("openssl enc -id-aes" + std::to_string(value.size() * 4) + "-wrap -K " + value +
+                               " -iv A6A6A6A6A6A6A6A6 -in probe.bin -out probe.wrapped", "probe.wrapped");
+    unsigned char* unwrapped = nullptr;
+    int length = 0;
+    ASSERT_EQ(0, orvane_decrypt_aes(kSerial, stored.keyData, stored.keyDataLength, wrapped.data(), int(wrapped.size()),
+                                    &unwrapped, &length, stored.keyFlag, nullptr, 0, nullptr));
+    EXPECT_EQ(kIv, toHex(unwrapped, size_t(length)));
+    delete[] unwrapped;
+}
+
+class KspCryptoTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        useFreshStore("ksp-crypto");
+        ASSERT_EQ(0, admin::createToken(kSerial, "KSP crypto token", "1234", 5));
+        ASSERT_EQ(0, admin::setSignOn(kSerial, 1, 1));
+        rsa_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_RSA_2048, 3);
+        ec256_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_EC_P256, 1);
+        ec384_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_EC_P384, 1);
+        std::string kekId;
+        ASSERT_EQ(0, admin::importSecretKey(kSerial, ORVANE_KEY_AES_256, hexToBytes(kKek), "KEK", kekId));
+        provider_ = new KspProviderHandle();
+    }
+    static void TearDownTestSuite() { delete provider_; }
+    void SetUp() override { ASSERT_EQ(0, provider_->status()); }
+
+    NCRYPT_PROV_HANDLE provider() const { return provider_->get(); }
+    std::unique_ptr<KspKeyHandle> open(const ProvisionedKey& key) const {
+        NCRYPT_KEY_HANDLE handle = openKspKey(provider(), key.keyId);
+        EXPECT_NE(0u, handle) << key.keyId;
+        return std::make_unique<KspKeyHandle>(provider(), handle);
+    }
+    std::unique_ptr<KspKeyHandle> import(const wchar_t* type, Bytes blob, SECURITY_STATUS expected = 0,
+                                         NCRYPT_KEY_HANDLE importKey = 0) const {
+        NCRYPT_KEY_HANDLE handle = 0;
+        EXPECT_EQ(expected, ksp().ImportKey(provider(), importKey, type, nullptr, &handle, blob.data(), DWORD(blob.size()), 0))
+            << std::hex << std::string(type, type + wcslen(type));
+        return std::make_unique<KspKeyHandle>(provider(), handle);
+    }
+    Bytes sign(NCRYPT_KEY_HANDLE key, Bytes digest, size_t capacity, DWORD flags = BCRYPT_PAD_PKCS1) const {
+        Bytes signature(capacity);
+        DWORD size = 0;
+        EXPECT_EQ(0, ksp().SignHash(provider(), key, nullptr, digest.data(), DWORD(digest.size()), signature.data(),
+                                    DWORD(capacity), &size, flags));
+        signature.resize(std::min<size_t>(size, capacity));
+        return signature;
+    }
+
+    static KspProviderHandle* provider_;
+    static ProvisionedKey rsa_, ec256_, ec384_;
+};
+
+KspProviderHandle* KspCryptoTest::provider_ = nullptr;
+ProvisionedKey KspCryptoTest::rsa_, KspCryptoTest::ec256_, KspCryptoTest::ec384_;
+
+TEST_F(KspCryptoTest, SignaturesVerifyWithOpenSslAgainstTheKeyCertificate) {
+    struct Case {
+        const ProvisionedKey* key;
+        const char* digest;
+        DWORD announced;
+        size_t length;
+    };
+    for (Case c : {Case{&rsa_, "sha1", 256, 256}, Case{&rsa_, "sha256", 256, 256}, Case{&ec256_, "sha256", 32, 64},
+                   Case{&ec384_, "sha384", 48, 96}}) {
+        auto key = open(*c.key);
+        Bytes digest = digestOf(c.digest, "Signed through the key storage provider");
+        DWORD size = 0;
+        ASSERT_EQ(0, ksp().SignHash(provider(), key->get(), nullptr, digest.data(), DWORD(digest.size()), nullptr, 0, &size, 0));
+        EXPECT_EQ(c.announced, size) << "bitLength / 8, also for EC keys";
+
+        Bytes signature = sign(key->get(), digest, c.length, c.key == &rsa_ ? BCRYPT_PAD_PKCS1 : 0);
+        ASSERT_EQ(c.length, signature.size()) << c.digest;
+        writeFile(workDir() + "/signature.bin", c.key == &rsa_ ? signature : ecdsaSignatureDer(signature));
+        HostResult host = runHost("openssl dgst -" + std::string(c.digest) + " -verify " + pemOf(*c.key) +
+                                  " -signature signature.bin message.txt");
+        EXPECT_NE(std::string::npos, host.output.find("Verified OK")) << c.digest << " " << c.length << ": " << host.output;
+
+        EXPECT_EQ(0, ksp().VerifySignature(provider(), key->get(), nullptr, digest.data(), DWORD(digest.size()),
+                                           signature.data(), DWORD(signature.size()), 0));
+        signature[9] ^= 0x04;
+        EXPECT_EQ(NTE_BAD_SIGNATURE, ksp().VerifySignature(provider(), key->get(), nullptr, digest.data(), DWORD(digest.size()),
+                                                           signature.data(), DWORD(signature.size()), 0));
+    }
+}
+
+TEST_F(KspCryptoTest, SizesBuffersAndPaddingFlags) {
+    auto key = open(rsa_);
+    Bytes digest = digestOf("sha256", "flags"), buffer(256);
+    DWORD size = 0;
+    EXPECT_EQ(0, ksp().Encrypt(provider(), key->get(), digest.data(), 32, nullptr, nullptr, 0, &size, 0));
+    EXPECT_EQ(256u, size);
+    size = 0;
+    EXPECT_EQ(0, ksp().Decrypt(provider(), key->get(), buffer.data(), 256, nullptr, nullptr, 0, &size, 0));
+    EXPECT_EQ(256u, size);
+    size = 0;
+    EXPECT_EQ(NTE_BUFFER_TOO_SMALL, ksp().SignHash(provider(), key->get(), nullptr, digest.data(), 32, buffer.data(), 255, &size, 0));
+    EXPECT_EQ(256u, size);
+    EXPECT_EQ(NTE_BUFFER_TOO_SMALL, ksp().Encrypt(provider(), key->get(), digest.data(), 32, nullptr, buffer.data(), 255, &size, 0));
+
+    std::string before = readProviderLog();
+    int signatures = admin::callCount("orvane_signHash");
+    EXPECT_EQ(NTE_NOT_SUPPORTED, ksp().SignHash(provider(), key->get(), nullptr, digest.data(), 32, buffer.data(), 256, &size, BCRYPT_PAD_PSS));
+    EXPECT_NE(std::string::npos, logSince(before).find("KSP: PSS padding not supported"));
+    EXPECT_EQ(signatures, admin::callCount("orvane_signHash")) << "refused before the token";
+    EXPECT_EQ(256u, sign(key->get(), digest, 256, BCRYPT_PAD_PSS | BCRYPT_PAD_PKCS1).size());
+    EXPECT_EQ(0, admin::lastArguments("orvane_signHash")["flag"]);
+
+    EXPECT_EQ(NTE_INVALID_HANDLE, ksp().SignHash(0, key->get(), nullptr, digest.data(), 32, buffer.data(), 256, &size, 0));
+    EXPECT_EQ(NTE_INVALID_PARAMETER, ksp().SignHash(provider(), key->get(), nullptr, digest.data(), 32, buffer.data(), 256, nullptr, 0));
+    EXPECT_EQ(NTE_INVALID_HANDLE, ksp().VerifySignature(provider(), 0, nullptr, digest.data(), 32, buffer.data(), 256, 0));
+}
+
+TEST_F(KspCryptoTest, DecryptsWhatOpenSslEncryptedForTheTokenKey) {
+    auto key = open(rsa_);
+    writeText(workDir() + "/secret.txt", "meet me at noon");
+    for (bool oaep : {false, true}) {
+        Bytes cipher = onHost("openssl pkeyutl -encrypt -pubin -inkey " + pemOf(rsa_) + oaepOption(oaep) +
+                                  " -in secret.txt -out secret.cipher", "secret.cipher");
+        BCRYPT_OAEP_PADDING_INFO padding{BCRYPT_SHA1_ALGORITHM, nullptr, 0};
+        Bytes plain(256);
+        DWORD size = 0, flags = oaep ? NCRYPT_PAD_OAEP_FLAG : NCRYPT_PAD_PKCS1_FLAG;
+        EXPECT_EQ(NTE_BUFFER_TOO_SMALL, ksp().Decrypt(provider(), key->get(), cipher.data(), DWORD(cipher.size()), &padding,
+                                                      plain.data(), 3, &size, flags));
+        EXPECT_EQ(15u, size);
+        ASSERT_EQ(0, ksp().Decrypt(provider(), key->get(), cipher.data(), DWORD(cipher.size()), &padding, plain.data(),
+                                   DWORD(plain.size()), &size, flags));
+        EXPECT_EQ("meet me at noon", std::string(plain.begin(), plain.begin() + size)) << "oaep " << oaep;
+    }
+}
+
+TEST_F(KspCryptoTest, EncryptsForOpenSslWithImportedPublicKeys) {
+    Bytes text = onHost("openssl genrsa -out host.key 2048 2>/dev/null && openssl rsa -in host.key -modulus -noout > host.modulus",
+                        "host.modulus");
+    std::string modulusText(text.begin(), text.end());
+    Bytes modulus = hexToBytes(modulusText.substr(modulusText.find('=') + 1, 512));
+    ASSERT_EQ(256u, modulus.size());
+    Bytes capiBlob = join({{6, 2, 0, 0}, dword(CALG_RSA_KEYX), dword(0x31415352), dword(2048), dword(65537),
+                           Bytes(modulus.rbegin(), modulus.rend())});
+    const std::string secret = "for OpenSSL only";
+    for (const wchar_t* type : {L"RSAPUBLICBLOB", L"CAPIPUBLICBLOB"}) {
+        auto key = import(type, std::wstring(type) == L"RSAPUBLICBLOB" ? rsaPublicBlob(2048, modulus) : capiBlob);
+        for (bool oaep : {false, true}) {
+            Bytes cipher(256);
+            DWORD size = 0;
+            ASSERT_EQ(0, ksp().Encrypt(provider(), key->get(), (PBYTE)secret.data(), DWORD(secret.size()), nullptr,
+                                       cipher.data(), 256, &size, oaep ? NCRYPT_PAD_OAEP_FLAG : NCRYPT_PAD_PKCS1_FLAG));
+            auto arguments = admin::lastArguments("orvane_encrypt");
+            EXPECT_EQ(oaep ? PADDING_OAEP : PADDING_PKCS1, arguments["padding"]);
+            EXPECT_EQ(ENCRYPTION_RSA_2048, arguments["type"]);
+            ASSERT_EQ(256u, size);
+            writeFile(workDir() + "/ours.cipher", cipher);
+            Bytes plain = onHost("openssl pkeyutl -decrypt -inkey host.key" + oaepOption(oaep) +
+                                     " -in ours.cipher -out ours.plain", "ours.plain");
+            EXPECT_EQ(secret, std::string(plain.begin(), plain.end())) << "oaep " << oaep << " " << (type[0] == L'C' ? "CAPI" : "CNG");
+        }
+    }
+}
+
+TEST_F(KspCryptoTest, ExportedPublicBlobsVerifyTokenSignaturesInWine) {
+    auto key = open(rsa_);
+    DWORD size = 0;
+    BYTE small[8];
+    EXPECT_EQ(NTE_NOT_SUPPORTED, ksp().ExportKey(provider(), key->get(), 0, L"PRIVATEBLOB", nullptr, nullptr, 0, &size, 0));
+    EXPECT_EQ(NTE_NOT_SUPPORTED, ksp().ExportKey(provider(), key->get(), 0, L"ECCPUBLICBLOB", nullptr, nullptr, 0, &size, 0));
+    EXPECT_EQ(NTE_BUFFER_TOO_SMALL, ksp().ExportKey(provider(), key->get(), 0, L"PUBLICBLOB", nullptr, small, 8, &size, 0));
+    EXPECT_EQ(283u, size);
+    auto exported = [&](const wchar_t* type) {
+        DWORD needed = 0;
+        EXPECT_EQ(0, ksp().ExportKey(provider(), key->get(), 0, type, nullptr, nullptr, 0, &needed, 0));
+        Bytes blob(needed);
+        EXPECT_EQ(0, ksp().ExportKey(provider(), key->get(), 0, type, nullptr, blob.data(), needed, &needed, 0));
+        return blob;
+    };
+
+    // Wine's bcrypt takes the CNG blob and checks a SHA-256 signature with it.
+    Bytes blob = exported(L"RSAPUBLICBLOB");
+    Bytes digest = digestOf("sha256", "exported"), signature = sign(key->get(), digest, 256);
+    BCRYPT_ALG_HANDLE algorithm = nullptr;
+    BCRYPT_KEY_HANDLE publicKey = nullptr;
+    ASSERT_EQ(0, BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_RSA_ALGORITHM, nullptr, 0));
+    ASSERT_EQ(0, BCryptImportKeyPair(algorithm, nullptr, BCRYPT_RSAPUBLIC_BLOB, &publicKey, blob.data(), ULONG(blob.size()), 0));
+    BCRYPT_PKCS1_PADDING_INFO padding{BCRYPT_SHA256_ALGORITHM};
+    EXPECT_EQ(0, BCryptVerifySignature(publicKey, &padding, digest.data(), 32, signature.data(), 256, BCRYPT_PAD_PKCS1));
+    signature[100] ^= 1;
+    EXPECT_NE(0, BCryptVerifySignature(publicKey, &padding, digest.data(), 32, signature.data(), 256, BCRYPT_PAD_PKCS1));
+    BCryptDestroyKey(publicKey);
+    BCryptCloseAlgorithmProvider(algorithm, 0);
+
+    // Wine's own CryptoAPI provider takes the legacy blob and checks a SHA-1 signature with it.
+    Bytes capi = exported(L"CAPIPUBLICBLOB");
+    ASSERT_EQ(276u, capi.size());
+    const std::string message = "legacy";
+    signature = sign(key->get(), digestOf("sha1", message), 256);
+    std::reverse(signature.begin(), signature.end());
+    HCRYPTPROV wine = 0;
+    HCRYPTKEY legacyKey = 0;
+    HCRYPTHASH hash = 0;
+    ASSERT_TRUE(CryptAcquireContextA(&wine, nullptr, MS_ENHANCED_PROV_A, PROV_RSA_FULL, CRYPT_VERIFYCONTEXT));
+    ASSERT_TRUE(CryptImportKey(wine, capi.data(), DWORD(capi.size()), 0, 0, &legacyKey)) << std::hex << GetLastError();
+    ASSERT_TRUE(CryptCreateHash(wine, CALG_SHA1, 0, 0, &hash));
+    CryptHashData(hash, reinterpret_cast<const BYTE*>(message.data()), DWORD(message.size()), 0);
+    EXPECT_TRUE(CryptVerifySignatureA(hash, signature.data(), 256, legacyKey, nullptr, 0)) << std::hex << GetLastError();
+    CryptDestroyHash(hash);
+    CryptDestroyKey(legacyKey);
+    CryptReleaseContext(wine, 0);
+}
+
+TEST_F(KspCryptoTest, AesKeysArriveInClearWrappedOrEncryptedUnderATokenKey) {
+    auto addedSince = [](size_t before) {
+        std::vector<OrvaneSymmetricKey> keys = orvane_getAesKeyList(kSerial, nullptr);
+        EXPECT_EQ(before + 1, keys.size());
+        return keys.back();
+    };
+    size_t count = orvane_getAesKeyList(kSerial, nullptr).size();
+    const std::string value256 = "603DEB1015CA71BE2B73AEF0857D77811F352C073B6108D72D9810A30914DFF4";
+    import(L"KeyDataBlob", keyDataBlob(32, hexToBytes(value256)));
+    OrvaneSymmetricKey stored = addedSince(count++);
+    EXPECT_EQ(ORVANE_KEY_AES_256, stored.keyType);
+    expectStoredValue(stored, value256);
+
+    writeFile(workDir() + "/aes128.bin", hexToBytes(kAes128));
+    import(L"OpaqueKeyBlob", onHost("openssl enc -id-aes256-wrap -K " + kKek +
+                                        " -iv A6A6A6A6A6A6A6A6 -in aes128.bin -out aes128.wrapped", "aes128.wrapped"));
+    stored = addedSince(count++);
+    EXPECT_EQ(ORVANE_KEY_AES_128, stored.keyType);
+    expectStoredValue(stored, kAes128);
+    import(L"OpaqueKeyBlob", onHost("openssl enc -id-aes128-wrap -K " + kAes128.substr(0, 30) + "00" +
+                                        " -iv A6A6A6A6A6A6A6A6 -in aes128.bin -out stranger.wrapped", "stranger.wrapped"),
+           NTE_BAD_KEY);
+
+    // An AES key encrypted by OpenSSL under the token key pair stays in the key object and decrypts.
+    auto tokenKey = open(rsa_);
+    Bytes encrypted = onHost("openssl pkeyutl -encrypt -pubin -inkey " + pemOf(rsa_) + " -in aes128.bin -out aes128.enc", "aes128.enc");
+    import(L"OpaqueTransport", encrypted, NTE_BAD_KEY);
+    import(L"SomeOtherBlob", encrypted, NTE_NOT_SUPPORTED);
+    auto aes = import(L"OpaqueTransport", encrypted, 0, tokenKey->get());
+    writeText(workDir() + "/blocks.txt", kBlocks);
+    std::wstring ecb = L"ChainingModeECB";
+    for (const char* mode : {"cbc", "ecb"}) {
+        if (std::string(mode) == "cbc") {
+            Bytes iv = hexToBytes(kIv);
+            ASSERT_EQ(0, ksp().SetKeyProperty(provider(), aes->get(), L"IV", iv.data(), 16, 0));
+        } else {
+            ASSERT_EQ(0, ksp().SetKeyProperty(provider(), aes->get(), L"ChainingMode", (PBYTE)ecb.c_str(), DWORD(ecb.size() * 2 + 2), 0));
+        }
+        Bytes cipher = onHost(std::string("openssl enc -aes-128-") + mode + " -nopad -K " + kAes128 +
+                                  (std::string(mode) == "cbc" ? " -iv " + kIv : "") + " -in blocks.txt -out blocks.enc", "blocks.enc");
+        DWORD size = 0;
+        ASSERT_EQ(0, ksp().Decrypt(provider(), aes->get(), cipher.data(), 32, nullptr, nullptr, 0, &size, 0));
+        EXPECT_EQ(32u, size) << "the size query decrypts";
+        Bytes plain(32);
+        ASSERT_EQ(0, ksp().Decrypt(provider(), aes->get(), cipher.data(), 32, nullptr, plain.data(), 32, &size, 0));
+        EXPECT_EQ(kBlocks, std::string(plain.begin(), plain.end())) << mode;
+    }
+}
+
+TEST_F(KspCryptoTest, MalformedImportBlobsAreRefusedWithTheirCodes) {
+    Bytes modulus(256, 0xC5);
+    Bytes overflowing = rsaPublicBlob(2048, modulus), truncated = rsaPublicBlob(2048, modulus);
+    truncated.pop_back();
+    std::memcpy(&overflowing[8], dword(0xFFFFFFFF).data(), 4);
+    struct Case {
+        const wchar_t* type;
+        Bytes blob;
+        SECURITY_STATUS expected;
+    };
+    for (const Case& c : {Case{L"RSAPUBLICBLOB", Bytes(23, 0), NTE_BAD_DATA},
+                          Case{L"RSAPUBLICBLOB", join({dword(0x32415352), Bytes(300, 1)}), NTE_BAD_DATA},
+                          Case{L"PUBLICBLOB", truncated, NTE_BAD_DATA},
+                          Case{L"PUBLICBLOB", overflowing, NTE_BAD_DATA},
+                          Case{L"RSAPUBLICBLOB", rsaPublicBlob(1536, Bytes(192, 0xC5)), NTE_NOT_SUPPORTED},
+                          Case{L"CAPIPUBLICBLOB", join({{6, 2, 0, 0}, dword(CALG_RSA_KEYX), dword(0x31415352), dword(2048), dword(65537), Bytes(255, 1)}), NTE_BAD_DATA},
+                          Case{L"KeyDataBlob", keyDataBlob(32, Bytes(16, 7)), NTE_BAD_DATA},
+                          Case{L"KeyDataBlob", keyDataBlob(20, Bytes(20, 7)), NTE_NOT_SUPPORTED},
+                          Case{L"KeyDataBlob", Bytes(11, 0), NTE_BAD_DATA}}) {
+        import(c.type, c.blob, c.expected);
+    }
+    NCRYPT_KEY_HANDLE handle = 0;
+    BYTE one = 1;
+    EXPECT_EQ(NTE_INVALID_PARAMETER, ksp().ImportKey(provider(), 0, L"KeyDataBlob", nullptr, &handle, &one, 0, 0));
+    EXPECT_EQ(NTE_INVALID_HANDLE, ksp().ImportKey(0, 0, L"KeyDataBlob", nullptr, &handle, &one, 1, 0));
+}
+
+}  // namespace

@@ -1,0 +1,303 @@
+// Key objects and key properties through the provider's table, as the CNG router drives them.
+// Tokens are signed on (no PIN dialog) except the one the PIN property unlocks. Generated keys
+// and certificates are checked by OpenSSL on the host.
+#include <windows.h>
+#include <wincrypt.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <map>
+
+#include "encoding/Hex.h"
+#include "provider/ksp/KspObjects.h"
+#include "softtoken/SoftTokenAdmin.h"
+#include "tests/support/KspHarness.h"
+#include "tests/support/ProviderSupport.h"
+#include "tests/support/TestSupport.h"
+#include "token/OrvaneDSCLibrary.h"
+
+using namespace orvanetest;
+namespace admin = softtoken::admin;
+
+namespace {
+
+const char kFirst[] = "KEYS-1", kSecond[] = "KEYS-2", kCerts[] = "KEYS-3", kLocked[] = "KEYS-PIN";
+
+bool onToken(const std::string& serial, const std::string& keyId) {
+    for (const OrvaneKeyPair& keyPair : orvane_getKeyPairList(serial.c_str(), nullptr))
+        if (orvane::toHex(keyPair.keyId, 16) == keyId) return true;
+    return false;
+}
+
+// A wide text property without its terminator; a 32-bit property as a number.
+std::string text(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, const wchar_t* name) {
+    std::string bytes = kspKeyProperty(provider, key, name);
+    std::string narrow;
+    for (size_t i = 0; i + 1 < bytes.size(); i += 2) narrow.push_back(bytes[i]);
+    EXPECT_TRUE(!narrow.empty() && narrow.back() == '\0') << "terminated";
+    if (!narrow.empty()) narrow.pop_back();
+    return narrow;
+}
+DWORD number(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, const wchar_t* name) {
+    std::string bytes = kspKeyProperty(provider, key, name);
+    DWORD value = 0;
+    EXPECT_EQ(4u, bytes.size());
+    std::memcpy(&value, bytes.data(), std::min<size_t>(4, bytes.size()));
+    return value;
+}
+SECURITY_STATUS set(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, const wchar_t* name, const void* value,
+                    DWORD size) {
+    return ksp().SetKeyProperty(provider, key, name, static_cast<PBYTE>(const_cast<void*>(value)), size, 0);
+}
+SECURITY_STATUS setNumber(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, const wchar_t* name, DWORD value) {
+    return set(provider, key, name, &value, sizeof value);
+}
+
+// Issued by a test CA (OpenSSL) for the public key of a token key pair.
+Bytes issueCertificate(const std::string& keyId, const std::string& subject) {
+    Bytes spki;
+    EXPECT_EQ(0, admin::exportPublicKey(kCerts, keyId, spki));
+    writeFile(workDir() + "/" + subject + ".pub.der", spki);
+    HostResult host = runHost(
+        "set -e\n[ -f ca.pem ] || openssl req -x509 -new -newkey rsa:2048 -nodes -keyout ca.key "
+        "-subj '/CN=KSP Test CA' -days 30 -out ca.pem 2>/dev/null\nopenssl x509 -new -subj '/CN=" + subject +
+        "' -force_pubkey " + subject + ".pub.der -CA ca.pem -CAkey ca.key -days 30 -outform DER -out " + subject +
+        ".der");
+    EXPECT_EQ(0, host.exitCode) << host.output;
+    return readFile(workDir() + "/" + subject + ".der");
+}
+
+class KspKeys : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        useFreshStore("ksp-keys");
+        for (const char* serial : {kFirst, kSecond, kCerts}) {
+            ASSERT_EQ(0, admin::createToken(serial, serial, "1234", 5));
+            ASSERT_EQ(0, admin::setSignOn(serial, 1, 1));
+        }
+        ASSERT_EQ(0, admin::createToken(kLocked, "Locked", "4321", 5));
+        ASSERT_EQ(0, admin::generateKeyPair(kSecond, ORVANE_KEY_RSA_1024, "gamma", 2, 0, gamma_));
+        ASSERT_EQ(0, admin::generateKeyPair(kSecond, ORVANE_KEY_EC_P256, "captured", 1, 0, captured_));
+        ASSERT_EQ(0, admin::generateKeyPair(kFirst, ORVANE_KEY_RSA_2048, "alpha", 1, 1, alpha_));
+        ASSERT_EQ(0, admin::generateKeyPair(kFirst, ORVANE_KEY_EC_P256, "beta", 3, 0, beta_));
+        // Labelled with a second-token key's name: the token search stops at the first token.
+        ASSERT_EQ(0, admin::generateKeyPair(kFirst, ORVANE_KEY_RSA_1024, captured_, 2, 0, trap_));
+        for (const char* label : {"labelled", "linked", "bykey", "spare", "nocert"})
+            ASSERT_EQ(0, admin::generateKeyPair(kCerts, ORVANE_KEY_RSA_1024, label, 3, 0, certKeys_[label]));
+        ASSERT_EQ(0, admin::generateKeyPair(kLocked, ORVANE_KEY_RSA_1024, "locked", 1, 0, locked_));
+    }
+
+    KspProviderHandle provider_;
+    NCRYPT_PROV_HANDLE p_ = provider_.get();
+    static std::string gamma_, captured_, alpha_, beta_, trap_, locked_;
+    static std::map<std::string, std::string> certKeys_;
+};
+
+std::string KspKeys::gamma_, KspKeys::captured_, KspKeys::alpha_, KspKeys::beta_, KspKeys::trap_, KspKeys::locked_;
+std::map<std::string, std::string> KspKeys::certKeys_;
+
+std::vector<std::string> enumerate(NCRYPT_PROV_HANDLE provider) {
+    std::vector<std::string> keys;  // "<name> <algorithm> <legacy key spec>"
+    void* state = nullptr;
+    NCryptKeyName* record = nullptr;
+    while (ksp().EnumKeys(provider, nullptr, &record, &state, 0) == 0) {
+        keys.push_back(std::string(record->pszName, record->pszName + wcslen(record->pszName)) + " " +
+                       std::string(record->pszAlgid, record->pszAlgid + wcslen(record->pszAlgid)) + " " +
+                       std::to_string(record->dwLegacyKeySpec) + std::to_string(record->dwFlags));
+        ksp().FreeBuffer(record->pszName);  // three separate blocks, as NCrypt callers free them
+        ksp().FreeBuffer(record->pszAlgid);
+        ksp().FreeBuffer(record);
+    }
+    EXPECT_EQ(NTE_NO_MORE_ITEMS, ksp().EnumKeys(provider, nullptr, &record, &state, 0)) << "stays exhausted";
+    ksp().FreeBuffer(state);
+    return keys;
+}
+
+TEST_F(KspKeys, OpensOnlyAnExactHexNameAndEnumeratesItsToken) {
+    ASSERT_EQ(0, provider_.status());
+    // Usage 1 enumerates as AT_SIGNATURE (2), usage 2 or 3 as AT_KEYEXCHANGE (1).
+    EXPECT_EQ((std::vector<std::string>{alpha_ + " RSA 20", beta_ + " ECDSA_P256 10", trap_ + " RSA 10"}),
+              enumerate(p_));
+
+    SECURITY_STATUS status = 0;
+    std::string lower = alpha_;
+    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+    for (const std::string& name : {lower, std::string("alpha"), std::string(""), captured_}) {
+        EXPECT_EQ(0u, openKspKey(p_, name, AT_SIGNATURE, &status)) << name;
+        EXPECT_EQ(NTE_NO_KEY, status) << name;
+    }
+    KspKeyHandle gamma(p_, openKspKey(p_, gamma_, 0, &status));
+    ASSERT_EQ(0, status);
+    EXPECT_EQ(gamma_, text(p_, gamma.get(), L"Name"));
+    EXPECT_EQ(2u, enumerate(p_).size()) << "the provider moved to the second token";
+    EXPECT_EQ(NTE_INVALID_PARAMETER, ksp().EnumKeys(p_, nullptr, nullptr, nullptr, 0));
+}
+
+TEST_F(KspKeys, PropertiesDescribeTheKeyAndSettingThemTouchesOnlyTheHandle) {
+    KspKeyHandle key(p_, openKspKey(p_, beta_));
+    ASSERT_NE(0u, key.get());
+    EXPECT_EQ(beta_, text(p_, key.get(), L"Unique Name"));
+    EXPECT_EQ("ECDSA_P256", text(p_, key.get(), L"Algorithm Name"));
+    EXPECT_EQ("ECDSA", text(p_, key.get(), L"Algorithm Group"));
+    EXPECT_EQ(3u, number(p_, key.get(), L"Key Usage"));
+    EXPECT_EQ(32u, number(p_, key.get(), L"Block Length"));
+    std::string lengths = kspKeyProperty(p_, key.get(), L"Lengths");
+    const DWORD rsaLengths[4] = {1024, 4096, 1024, 2048};  // minimum, maximum, increment, default
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(rsaLengths), 16), lengths) << "RSA's, even for EC";
+    DWORD size = 0;
+    BYTE buffer[66];
+    EXPECT_EQ(NTE_BUFFER_TOO_SMALL, ksp().GetKeyProperty(p_, key.get(), L"Name", buffer, 65, &size, 0));
+    EXPECT_EQ(66u, size);
+    std::string before = readProviderLog();
+    EXPECT_EQ(NTE_NOT_SUPPORTED, ksp().GetKeyProperty(p_, key.get(), L"Security Descr", buffer, 66, &size, 0));
+    EXPECT_EQ(std::string::npos, logSince(before).find("KSP: Unsupported key property"));
+    EXPECT_EQ(NTE_NOT_SUPPORTED, ksp().GetKeyProperty(p_, key.get(), L"name", buffer, 66, &size, 0));
+    EXPECT_NE(std::string::npos, logSince(before).find("KSP: Unsupported key property"));
+
+    DWORD bits = 3072;
+    EXPECT_EQ(0, set(p_, key.get(), L"Length", &bits, 2));
+    EXPECT_EQ(256u, number(p_, key.get(), L"Length")) << "two bytes change nothing";
+    EXPECT_EQ(0, setNumber(p_, key.get(), L"Length", 3072));
+    EXPECT_EQ(3072u, number(p_, key.get(), L"Length"));
+    for (DWORD flags : {0x1u, 0x4u}) EXPECT_EQ(0, setNumber(p_, key.get(), L"Key Usage", flags));
+    EXPECT_EQ(1u, number(p_, key.get(), L"Key Usage")) << "decrypt only; then neither flag: unchanged";
+    EXPECT_EQ(0, set(p_, key.get(), L"ChainingMode", L"ChainingModeECB", sizeof L"ChainingModeECB"));
+    EXPECT_EQ(NTE_NOT_SUPPORTED, set(p_, key.get(), L"ChainingMode", L"ChainingModeCBC", 12)) << "read as far as given";
+    EXPECT_EQ("ChainingModeECB", text(p_, key.get(), L"ChainingMode"));
+    KspKeyHandle fresh(p_, openKspKey(p_, beta_));
+    EXPECT_EQ(256u, number(p_, fresh.get(), L"Length"));
+    EXPECT_EQ("ChainingModeCBC", text(p_, fresh.get(), L"ChainingMode"));
+}
+
+TEST_F(KspKeys, IvSizeIsCheckedOnlyForSymmetricKeyLengths) {
+    KspKeyHandle plain(p_, openKspKey(p_, alpha_)), des3(p_, openKspKey(p_, alpha_)), aes(p_, openKspKey(p_, alpha_));
+    ASSERT_NE(0u, aes.get());
+    // Only key import makes keys holding a symmetric key: give two handles the lengths directly.
+    reinterpret_cast<orvane::ksp::KspKey*>(des3.get())->symmetricKeyLength = 24;
+    reinterpret_cast<orvane::ksp::KspKey*>(aes.get())->symmetricKeyLength = 32;
+    const BYTE iv[20] = {};
+    std::string before = readProviderLog();
+    EXPECT_EQ(0, set(p_, des3.get(), L"IV", iv, 8));
+    EXPECT_EQ(NTE_INVALID_PARAMETER, set(p_, des3.get(), L"IV", iv, 16));
+    EXPECT_EQ(0, set(p_, aes.get(), L"IV", iv, 16));
+    EXPECT_EQ(NTE_INVALID_PARAMETER, set(p_, aes.get(), L"IV", iv, 8));
+    EXPECT_EQ(0, set(p_, plain.get(), L"IV", iv, 20));
+    EXPECT_EQ(0, set(p_, plain.get(), L"IV", nullptr, 0));
+    std::string log = logSince(before);
+    for (const char* line : {"KSP: IV size mismatch: got 16, expected 8", "KSP: IV size mismatch: got 8, expected 16",
+                             "KSP: IV set, size: 20", "KSP: IV cleared"})
+        EXPECT_NE(std::string::npos, log.find(line)) << line;
+}
+
+TEST_F(KspKeys, FinalizeGeneratesWhatWasAskedForAndDeleteRemovesIt) {
+    KspKeyHandle spare(p_, openKspKey(p_, certKeys_["spare"]));  // moves the provider to that token
+    struct Case {
+        const wchar_t* algorithm;
+        DWORD legacyKeySpec, length;
+        int32_t keyType, usage;
+        DWORD reportedLength;
+        const char* openssl;
+    } cases[] = {
+        {L"RSA", AT_KEYEXCHANGE, 1024, ORVANE_KEY_RSA_1024, 2, 1024, "(1024 bit)"},
+        {L"RSA", AT_SIGNATURE, 512, ORVANE_KEY_RSA_2048, 1, 512, "(2048 bit)"},  // reports the size asked for
+        {L"RSA", 0, 0, ORVANE_KEY_RSA_2048, 1, 2048, "(2048 bit)"},
+        {L"ECDSA_P256", AT_KEYEXCHANGE, 0, ORVANE_KEY_EC_P256, 1, 256, "P-256"},
+        {L"ECDSA_P384", 0, 0, ORVANE_KEY_EC_P384, 1, 384, "P-384"},
+        {L"ECDSA_P521", 0, 0, ORVANE_KEY_EC_P521, 1, 521, "P-521"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.algorithm, c.algorithm + wcslen(c.algorithm)) + " " + std::to_string(c.length));
+        NCRYPT_KEY_HANDLE created = 0;
+        ASSERT_EQ(0, ksp().CreatePersistedKey(p_, &created, c.algorithm, nullptr, c.legacyKeySpec, 0));
+        KspKeyHandle key(p_, created);
+        if (c.length != 0) {
+            EXPECT_EQ(0, setNumber(p_, key.get(), L"Length", c.length));
+        }
+        ASSERT_EQ(0, ksp().FinalizeKey(p_, key.get(), 0));
+        std::map<std::string, long long> asked = admin::lastArguments("orvane_generateKeyPair");
+        EXPECT_EQ(c.keyType, asked["keyType"]);
+        EXPECT_EQ(c.usage, asked["keyUsage"]);
+        std::string keyId = text(p_, key.get(), L"Name");
+        ASSERT_TRUE(onToken(kCerts, keyId));
+        Bytes spki;
+        ASSERT_EQ(0, admin::exportPublicKey(kCerts, keyId, spki));
+        writeFile(workDir() + "/made.der", spki);
+        HostResult openssl = runHost("openssl pkey -pubin -inform DER -in made.der -noout -text");
+        EXPECT_NE(std::string::npos, openssl.output.find(c.openssl)) << openssl.output;
+        EXPECT_EQ(c.reportedLength, number(p_, key.get(), L"Length"));
+
+        int generated = admin::callCount("orvane_generateKeyPair");
+        EXPECT_EQ(0, ksp().FinalizeKey(p_, key.get(), 0)) << "final once on the token";
+        EXPECT_EQ(generated, admin::callCount("orvane_generateKeyPair"));
+        ASSERT_EQ(0, admin::injectFault("orvane_deleteKeyPair", 1, 9));
+        EXPECT_EQ(NTE_INTERNAL_ERROR, ksp().DeleteKey(p_, key.get(), 0));
+        EXPECT_EQ(0, ksp().DeleteKey(p_, key.get(), 0));
+        EXPECT_FALSE(onToken(kCerts, keyId));
+        EXPECT_EQ(keyId, text(p_, key.get(), L"Name")) << "the handle lives until freed";
+    }
+    NCRYPT_KEY_HANDLE refused = 0;
+    EXPECT_EQ(NTE_NOT_SUPPORTED, ksp().CreatePersistedKey(p_, &refused, L"rsa", nullptr, 0, 0));
+    ASSERT_EQ(0, ksp().CreatePersistedKey(p_, &refused, L"RSA", nullptr, 0, 0));
+    KspKeyHandle request(p_, refused);
+    ASSERT_EQ(0, admin::injectFault("orvane_generateKeyPair", 1, 7));
+    EXPECT_EQ(NTE_INTERNAL_ERROR, ksp().FinalizeKey(p_, request.get(), 0));
+    EXPECT_EQ(0u, number(p_, request.get(), L"Length")) << "a refused generation leaves the request as it was";
+}
+
+TEST_F(KspKeys, KeyCertificateIsFoundByLabelThenLinkThenPublicKeyAndStored) {
+    const Bytes otherLink(16, 0xEE), linkOfLinked = [&] {
+        for (const OrvaneKeyPair& keyPair : orvane_getKeyPairList(kCerts, nullptr))
+            if (orvane::toHex(keyPair.keyId, 16) == certKeys_["linked"])
+                return Bytes(keyPair.certLinkId, keyPair.certLinkId + keyPair.certLinkIdLength);
+        return Bytes();
+    }();
+    // Two certificates of the spare key tied to other keys by label or by link alone, and one
+    // that names nothing of its key but holds its public key.
+    struct Stored { std::string keyId, label; Bytes link, der; } stored[] = {
+        {certKeys_["labelled"], "labelled", otherLink, issueCertificate(certKeys_["spare"], "by-label")},
+        {certKeys_["linked"], "someone else", linkOfLinked, issueCertificate(certKeys_["spare"], "by-link")},
+        {certKeys_["bykey"], "nobody", otherLink, issueCertificate(certKeys_["bykey"], "by-public-key")},
+    };
+    for (const Stored& s : stored) {
+        OrvaneCertificate record{};
+        std::memcpy(record.certData, s.der.data(), s.der.size());
+        record.certLength = static_cast<int32_t>(s.der.size());
+        std::memcpy(record.certLinkId, s.link.data(), s.link.size());
+        record.certLinkIdLength = static_cast<int32_t>(s.link.size());
+        std::memcpy(record.label, s.label.data(), s.label.size());
+        ASSERT_EQ(0, orvane_importCertificate(kCerts, "1234", &record, nullptr));
+    }
+    for (const Stored& s : stored) {
+        KspKeyHandle key(p_, openKspKey(p_, s.keyId));
+        EXPECT_EQ(std::string(s.der.begin(), s.der.end()), kspKeyProperty(p_, key.get(), L"SmartCardKeyCertificate"))
+            << s.label;
+    }
+
+    KspKeyHandle key(p_, openKspKey(p_, certKeys_["nocert"]));
+    SECURITY_STATUS status = 0;
+    kspKeyProperty(p_, key.get(), L"SmartCardKeyCertificate", &status);
+    EXPECT_EQ(NTE_NOT_FOUND, status);
+    Bytes der = issueCertificate(certKeys_["nocert"], "stored"), tooLong(3073, 0x30);
+    EXPECT_EQ(NTE_INVALID_PARAMETER, set(p_, key.get(), L"SmartCardKeyCertificate", tooLong.data(), 3073));
+    ASSERT_EQ(0, set(p_, key.get(), L"SmartCardKeyCertificate", der.data(), static_cast<DWORD>(der.size())));
+    std::vector<OrvaneCertificate> certificates = orvane_getCertificateList(kCerts, nullptr);
+    EXPECT_EQ(certKeys_["nocert"], orvane::toHex(certificates.back().certLinkId, certificates.back().certLinkIdLength));
+    EXPECT_EQ(std::string(der.begin(), der.end()), kspKeyProperty(p_, key.get(), L"SmartCardKeyCertificate"));
+}
+
+TEST_F(KspKeys, PinPropertyUnlocksTheTokenForKeyOperations) {
+    KspKeyHandle key(p_, openKspKey(p_, locked_));
+    ASSERT_NE(0u, key.get());
+    EXPECT_EQ(NTE_VALIDATION_FAILED, set(p_, key.get(), L"SmartCardPin", "0000", 5));
+    EXPECT_EQ(NTE_VALIDATION_FAILED, set(p_, key.get(), L"SmartCardPin", L"4321", 10))
+        << "a wide PIN is cut at its first zero";
+    ASSERT_EQ(0, set(p_, key.get(), L"SmartCardPin", "4321", 5));
+    EXPECT_EQ(0, ksp().DeleteKey(p_, key.get(), 0)) << "no prompt: the PIN given is used";
+    EXPECT_EQ("4321", admin::lastPinReceived());
+    EXPECT_FALSE(onToken(kLocked, locked_));
+}
+
+}  // namespace
