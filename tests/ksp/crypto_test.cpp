@@ -232,6 +232,30 @@ TEST_F(KspCryptoTest, EncryptsForOpenSslWithImportedPublicKeys) {
     }
 }
 
+TEST_F(KspCryptoTest, ImportedPublicBlobsVerifyTokenSignatures) {
+    // The token key's modulus as OpenSSL reads it from the certificate, in both blob forms.
+    Bytes text = onHost("openssl x509 -inform DER -in " + rsa_.certificateFile + " -modulus -noout > token.modulus",
+                        "token.modulus");
+    std::string modulusText(text.begin(), text.end());
+    Bytes modulus = hexToBytes(modulusText.substr(modulusText.find('=') + 1, 512));
+    ASSERT_EQ(256u, modulus.size());
+    Bytes capiBlob = join({{6, 2, 0, 0}, dword(CALG_RSA_SIGN), dword(0x31415352), dword(2048), dword(65537),
+                           Bytes(modulus.rbegin(), modulus.rend())});
+    Bytes digest = digestOf("sha256", "verified with an imported public key");
+    Bytes signature = sign(open(rsa_)->get(), digest, 256);
+    ASSERT_EQ(256u, signature.size());
+    for (const wchar_t* type : {L"RSAPUBLICBLOB", L"CAPIPUBLICBLOB"}) {
+        auto key = import(type, std::wstring(type) == L"RSAPUBLICBLOB" ? rsaPublicBlob(2048, modulus) : capiBlob);
+        EXPECT_EQ(0, ksp().VerifySignature(provider(), key->get(), nullptr, digest.data(), DWORD(digest.size()),
+                                           signature.data(), DWORD(signature.size()), BCRYPT_PAD_PKCS1));
+        Bytes flipped = signature;
+        flipped[100] ^= 0x01;
+        EXPECT_EQ(NTE_BAD_SIGNATURE, ksp().VerifySignature(provider(), key->get(), nullptr, digest.data(),
+                                                           DWORD(digest.size()), flipped.data(),
+                                                           DWORD(flipped.size()), BCRYPT_PAD_PKCS1));
+    }
+}
+
 TEST_F(KspCryptoTest, ExportedPublicBlobsVerifyTokenSignaturesInWine) {
     auto key = open(rsa_);
     DWORD size = 0;
@@ -340,6 +364,14 @@ TEST_F(KspCryptoTest, MalformedImportBlobsAreRefusedWithTheirCodes) {
         Bytes blob;
         SECURITY_STATUS expected;
     };
+    // Each blob ends where a PAGE_NOACCESS page begins: any read past it faults the test.
+    SYSTEM_INFO system;
+    GetSystemInfo(&system);
+    size_t page = system.dwPageSize;
+    BYTE* pages = static_cast<BYTE*>(VirtualAlloc(nullptr, 2 * page, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+    ASSERT_NE(nullptr, pages);
+    DWORD oldProtection = 0;
+    ASSERT_TRUE(VirtualProtect(pages + page, page, PAGE_NOACCESS, &oldProtection));
     for (const Case& c : {Case{L"RSAPUBLICBLOB", Bytes(23, 0), NTE_BAD_DATA},
                           Case{L"RSAPUBLICBLOB", join({dword(0x32415352), Bytes(300, 1)}), NTE_BAD_DATA},
                           Case{L"PUBLICBLOB", truncated, NTE_BAD_DATA},
@@ -348,9 +380,17 @@ TEST_F(KspCryptoTest, MalformedImportBlobsAreRefusedWithTheirCodes) {
                           Case{L"CAPIPUBLICBLOB", join({{6, 2, 0, 0}, dword(CALG_RSA_KEYX), dword(0x31415352), dword(2048), dword(65537), Bytes(255, 1)}), NTE_BAD_DATA},
                           Case{L"KeyDataBlob", keyDataBlob(32, Bytes(16, 7)), NTE_BAD_DATA},
                           Case{L"KeyDataBlob", keyDataBlob(20, Bytes(20, 7)), NTE_NOT_SUPPORTED},
-                          Case{L"KeyDataBlob", Bytes(11, 0), NTE_BAD_DATA}}) {
-        import(c.type, c.blob, c.expected);
+                          Case{L"KeyDataBlob", Bytes(11, 0), NTE_BAD_DATA},
+                          Case{L"KeyDataBlob", keyDataBlob(16, Bytes(15, 7)), NTE_BAD_DATA}}) {
+        ASSERT_LE(c.blob.size(), page);
+        BYTE* atEnd = pages + page - c.blob.size();
+        std::memcpy(atEnd, c.blob.data(), c.blob.size());
+        NCRYPT_KEY_HANDLE refused = 0;
+        EXPECT_EQ(c.expected, ksp().ImportKey(provider(), 0, c.type, nullptr, &refused, atEnd, DWORD(c.blob.size()), 0))
+            << std::string(c.type, c.type + wcslen(c.type)) << " of " << c.blob.size() << " bytes";
+        EXPECT_EQ(0u, refused);
     }
+    VirtualFree(pages, 0, MEM_RELEASE);
     NCRYPT_KEY_HANDLE handle = 0;
     BYTE one = 1;
     EXPECT_EQ(NTE_INVALID_PARAMETER, ksp().ImportKey(provider(), 0, L"KeyDataBlob", nullptr, &handle, &one, 0, 0));
