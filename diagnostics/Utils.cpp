@@ -12,19 +12,104 @@ namespace {
 const char kSettingsKey[] = "Software\\Kestrelon\\Orvane";
 const size_t kPathCapacity = 1024;
 
-std::mutex& logMutex() {
-    static std::mutex mutex;
-    return mutex;
-}
+// Watched for logLevel changes: the settings key's parent with everything below it, and
+// "Software" for the parent's own creation or removal. A removed key does not signal its
+// own watch under Wine, so the settings key is not watched itself.
+const char kParentKey[] = "Software\\Kestrelon";
+const char kSoftwareKey[] = "Software";
 
-// False when the key or value is missing or unreadable.
-bool readLogLevel(DWORD& level) {
+// Anything but ERROR_SUCCESS when the key or value is missing or unreadable.
+LONG readLogLevel(HKEY key, const char* subKey, DWORD& level) {
     unsigned char buffer[32] = {};
     DWORD size = sizeof buffer;
-    if (RegGetValueA(HKEY_LOCAL_MACHINE, kSettingsKey, "logLevel", RRF_RT_ANY, nullptr, buffer, &size) != ERROR_SUCCESS)
-        return false;
-    std::memcpy(&level, buffer, sizeof level);
-    return true;
+    LONG status = RegGetValueA(key, subKey, "logLevel", RRF_RT_ANY, nullptr, buffer, &size);
+    if (status == ERROR_SUCCESS) std::memcpy(&level, buffer, sizeof level);
+    return status;
+}
+
+// Everything a line needs that would be costly to find again for each line. Guarded by the
+// log mutex; the registry and the file are asked again only when they may have changed.
+struct LogState {
+    std::mutex mutex;
+
+    // logLevel, re-read when a watched key signals a change (or on every line when the
+    // watch could not be set up).
+    HKEY watched[2] = {nullptr, nullptr};
+    HANDLE changed = nullptr;
+    bool levelKnown = false;
+    bool levelRead = false;
+    DWORD level = 0;
+
+    bool haveProcessName = false;
+    char processName[MAX_PATH] = {};
+
+    HANDLE file = INVALID_HANDLE_VALUE;
+    WORD fileYear = 0, fileMonth = 0, fileDay = 0;
+
+    void closeWatch() {
+        for (HKEY& key : watched) {
+            if (key) RegCloseKey(key);
+            key = nullptr;
+        }
+    }
+    void closeFile() {
+        if (file != INVALID_HANDLE_VALUE) CloseHandle(file);
+        file = INVALID_HANDLE_VALUE;
+    }
+    void closeAll() {
+        closeWatch();
+        if (changed) CloseHandle(changed);
+        changed = nullptr;
+        closeFile();
+        levelKnown = false;
+    }
+
+    // Arms the notifications before the value is read, so that no change is missed.
+    bool armWatch() {
+        closeWatch();
+        if (changed == nullptr && (changed = CreateEventA(nullptr, FALSE, FALSE, nullptr)) == nullptr) return false;
+        ResetEvent(changed);  // closing a watched key signals it
+        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kSoftwareKey, 0, KEY_NOTIFY, &watched[0]) != ERROR_SUCCESS)
+            watched[0] = nullptr;
+        if (watched[0] == nullptr ||
+            RegNotifyChangeKeyValue(watched[0], FALSE, REG_NOTIFY_CHANGE_NAME, changed, TRUE) != ERROR_SUCCESS) {
+            closeWatch();
+            return false;
+        }
+        LONG opened = RegOpenKeyExA(HKEY_LOCAL_MACHINE, kParentKey, 0, KEY_NOTIFY, &watched[1]);
+        if (opened != ERROR_SUCCESS) watched[1] = nullptr;
+        if (opened == ERROR_FILE_NOT_FOUND) return true;  // its creation signals the first watch
+        if (opened != ERROR_SUCCESS ||
+            RegNotifyChangeKeyValue(watched[1], TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, changed,
+                                    TRUE) != ERROR_SUCCESS) {
+            closeWatch();
+            return false;
+        }
+        return true;
+    }
+
+    // True with the value of logLevel; false when it is missing or unreadable.
+    bool currentLevel(DWORD& value) {
+        if (!levelKnown || WaitForSingleObject(changed, 0) != WAIT_TIMEOUT) {
+            levelKnown = armWatch();
+            levelRead = readLogLevel(HKEY_LOCAL_MACHINE, kSettingsKey, level) == ERROR_SUCCESS;
+        }
+        value = level;
+        return levelRead;
+    }
+
+    ~LogState() {
+        // At process exit a killed thread may still own the mutex: then leave the handles.
+        if (mutex.try_lock()) {
+            closeAll();
+            mutex.unlock();
+        }
+    }
+};
+
+LogState& logState() {
+    static LogState state;
+    return state;
 }
 
 const char* levelPrefix(int level) {
@@ -46,7 +131,7 @@ void ensureFolder(const std::string& folder) {
     if (GetFileAttributesA(folder.c_str()) == INVALID_FILE_ATTRIBUTES) CreateDirectoryA(folder.c_str(), nullptr);
 }
 
-std::string logFilePath() {
+std::string logFilePath(LogState& state, const SYSTEMTIME& today) {
     char temp[kPathCapacity] = {};
     std::string path;
     DWORD length = GetTempPathA(sizeof temp, temp);
@@ -55,21 +140,41 @@ std::string logFilePath() {
     else
         path = temp;
 
-    char process[MAX_PATH] = {};
-    K32GetModuleBaseNameA(GetCurrentProcess(), nullptr, process, sizeof process);
+    if (!state.haveProcessName)
+        state.haveProcessName =
+            K32GetModuleBaseNameA(GetCurrentProcess(), nullptr, state.processName, sizeof state.processName) != 0;
     appendBounded(path, "/Kestrelon/");
     ensureFolder(path);
-    appendBounded(path, process);
+    appendBounded(path, state.processName);
     appendBounded(path, "/");
     ensureFolder(path);
 
-    SYSTEMTIME today;
-    GetLocalTime(&today);
     char date[16] = {};
     std::snprintf(date, sizeof date, "%04d-%02d-%02d", today.wYear, today.wMonth, today.wDay);  // %Y-%m-%d
     appendBounded(path, date);
     appendBounded(path, ".LOG");
     return path;
+}
+
+// The day's file, opened once and kept for the following lines of the same day.
+bool openDayFile(LogState& state, const SYSTEMTIME& now) {
+    if (state.file != INVALID_HANDLE_VALUE && state.fileYear == now.wYear && state.fileMonth == now.wMonth &&
+        state.fileDay == now.wDay)
+        return true;
+    state.closeFile();
+    std::string path = logFilePath(state, now);
+    state.file = CreateFileA(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
+                             FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (state.file == INVALID_HANDLE_VALUE) return false;
+    state.fileYear = now.wYear;
+    state.fileMonth = now.wMonth;
+    state.fileDay = now.wDay;
+    return true;
+}
+
+bool writeAll(HANDLE file, const std::string& line) {
+    DWORD written = 0;
+    return WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, nullptr) && written == line.size();
 }
 
 }  // namespace
@@ -81,8 +186,10 @@ std::string logFilePath() {
 void Utils::logMessage(std::string message) {
     DWORD lastError = GetLastError();
     try {
+        LogState& state = logState();
+        std::lock_guard<std::mutex> guard(state.mutex);
         DWORD level = 0;
-        if (readLogLevel(level) && level == 3) appendLine(kDebug, message);
+        if (state.currentLevel(level) && level == 3) appendLine(kDebug, message);
     } catch (...) {
     }
     SetLastError(lastError);
@@ -91,8 +198,10 @@ void Utils::logMessage(std::string message) {
 void Utils::logError(std::string message) {
     DWORD lastError = GetLastError();
     try {
+        LogState& state = logState();
+        std::lock_guard<std::mutex> guard(state.mutex);
         DWORD level = 0;
-        if (!readLogLevel(level) || level >= 2) appendLine(kError, message);
+        if (!state.currentLevel(level) || level >= 2) appendLine(kError, message);
     } catch (...) {
     }
     SetLastError(lastError);
@@ -101,6 +210,7 @@ void Utils::logError(std::string message) {
 void Utils::writeLine(int level, const std::string& message) {
     DWORD lastError = GetLastError();
     try {
+        std::lock_guard<std::mutex> guard(logState().mutex);
         appendLine(level, message);
     } catch (...) {
     }
@@ -108,22 +218,22 @@ void Utils::writeLine(int level, const std::string& message) {
 }
 
 void Utils::appendLine(int level, const std::string& message) {
-    std::string path = logFilePath();
-    std::lock_guard<std::mutex> guard(logMutex());
-    HANDLE file = CreateFileA(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
+    LogState& state = logState();
+    SYSTEMTIME now;
+    GetLocalTime(&now);
+    if (!openDayFile(state, now)) {
         std::fputs("\nUnable to write log", stdout);
         return;
     }
-    SYSTEMTIME now;
-    GetLocalTime(&now);
     char stamp[64];
     std::snprintf(stamp, sizeof stamp, "%02d/%02d::%02d:%02d:%02d:%03d-> ", now.wDay, now.wMonth, now.wHour,
                   now.wMinute, now.wSecond, now.wMilliseconds);
     std::string line = std::string(stamp) + "->" + levelPrefix(level) + message + "\n";
-    DWORD written = 0;
-    if (!WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, nullptr) || written != line.size())
+    if (writeAll(state.file, line)) return;
+    // The kept handle may have gone bad (a volume gone, a file replaced): try once with a fresh one.
+    state.closeFile();
+    if (!openDayFile(state, now) || !writeAll(state.file, line)) {
         std::fputs("\nUnable to write log", stdout);
-    CloseHandle(file);
+        state.closeFile();
+    }
 }

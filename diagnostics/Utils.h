@@ -1,6 +1,7 @@
 // The diagnostic log: one file per process and day under %TEMP%\Kestrelon\<process>\,
 // written at the level set by the registry value HKLM\Software\Kestrelon\Orvane\logLevel,
-// which is read again for every line so logging can be switched while a host runs.
+// which is watched for changes so logging can be switched while a host runs. The day's file
+// stays open between lines.
 #pragma once
 
 #include <string>
@@ -17,5 +18,6 @@ public:
     static void writeLine(int level, const std::string& message);
 
 private:
+    // Called with the log mutex held.
     static void appendLine(int level, const std::string& message);
 };

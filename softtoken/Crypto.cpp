@@ -5,7 +5,9 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "encoding/Hex.h"
@@ -61,6 +63,28 @@ Sexp parseCanonical(const std::string& hex) {
         gcry_sexp_new(&sexp, canonical.data(), canonical.size(), 1) != 0)
         return nullptr;
     return Sexp(sexp);
+}
+
+using SharedSexp = std::shared_ptr<gcry_sexp>;
+
+// Private keys parsed before, by their stored text: the same text is the same key, so an
+// entry never goes stale. libgcrypt only reads a key while using it, so threads may share one.
+SharedSexp parsedPrivateKey(const std::string& hex) {
+    static std::mutex mutex;
+    static std::map<std::string, SharedSexp> parsed;
+    const size_t kMaximum = 64;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        auto found = parsed.find(hex);
+        if (found != parsed.end()) return found->second;
+    }
+    Sexp fresh = parseCanonical(hex);
+    if (!fresh) return nullptr;
+    SharedSexp key(fresh.release(), SexpDeleter());
+    std::lock_guard<std::mutex> guard(mutex);
+    if (parsed.size() >= kMaximum) parsed.clear();
+    parsed.emplace(hex, key);
+    return key;
 }
 
 const char* curveName(int keyType) {
@@ -160,7 +184,7 @@ int generateKeyPair(int keyType, Bytes& publicKey, std::string& privateKey) {
 
 int signDigest(int keyType, const std::string& privateKey, const Bytes& digest, Bytes& signature) {
     initialiseOnce();
-    Sexp key = parseCanonical(privateKey);
+    SharedSexp key = parsedPrivateKey(privateKey);
     if (!key) return kCryptoFailure;
     gcry_sexp_t data = nullptr;
     int digestLength = static_cast<int>(digest.size());
@@ -191,7 +215,7 @@ int signDigest(int keyType, const std::string& privateKey, const Bytes& digest, 
 
 int decrypt(const std::string& privateKey, const Bytes& cipher, Bytes& plain) {
     initialiseOnce();
-    Sexp key = parseCanonical(privateKey);
+    SharedSexp key = parsedPrivateKey(privateKey);
     if (!key) return kCryptoFailure;
     size_t modulusBytes = (gcry_pk_get_nbits(key.get()) + 7) / 8;
     if (cipher.size() > modulusBytes) return kBadArguments;

@@ -282,6 +282,64 @@ private:
     bool locked_ = false;
 };
 
+// Change notifications on the store folder (files created, renamed, deleted, written) and
+// on its parent (the folder itself removed or made again). While neither has fired since
+// the last listing, the folder holds what that listing saw. Each signal re-creates both
+// handles, so that they follow a folder made again under the same name.
+class FolderWatch {
+public:
+    ~FolderWatch() { close(); }
+
+    // True when the folder is watched and nothing changed since the current arming, whose
+    // number goes to epoch; false when the caller must list (epoch is 0 when unwatched).
+    bool unchanged(const std::string& folder, uint64_t& epoch) {
+        epoch = 0;
+        if (folder != folder_) {
+            close();
+            folder_ = folder;
+        }
+        if (store_ != INVALID_HANDLE_VALUE) {
+            HANDLE both[2] = {store_, parent_};
+            if (WaitForMultipleObjects(2, both, FALSE, 0) == WAIT_TIMEOUT) {
+                epoch = epoch_;
+                return true;
+            }
+            close();
+        }
+        // Armed before the caller lists, so a change during the listing is not missed.
+        store_ = FindFirstChangeNotificationA(folder.c_str(), FALSE,
+                                              FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_LAST_WRITE);
+        std::string parent = parentOf(folder);
+        if (store_ != INVALID_HANDLE_VALUE && !parent.empty())
+            parent_ = FindFirstChangeNotificationA(parent.c_str(), FALSE, FILE_NOTIFY_CHANGE_DIR_NAME);
+        if (parent_ == INVALID_HANDLE_VALUE) {
+            close();
+            return false;
+        }
+        epoch = ++epoch_;
+        return false;
+    }
+
+private:
+    static std::string parentOf(std::string folder) {
+        while (folder.size() > 1 && (folder.back() == '\\' || folder.back() == '/')) folder.pop_back();
+        size_t cut = folder.find_last_of("\\/");
+        if (cut == std::string::npos) return std::string();
+        return folder.substr(0, cut == 0 || folder[cut - 1] == ':' ? cut + 1 : cut);
+    }
+
+    void close() {
+        if (store_ != INVALID_HANDLE_VALUE) FindCloseChangeNotification(store_);
+        if (parent_ != INVALID_HANDLE_VALUE) FindCloseChangeNotification(parent_);
+        store_ = parent_ = INVALID_HANDLE_VALUE;
+    }
+
+    std::string folder_;
+    HANDLE store_ = INVALID_HANDLE_VALUE;
+    HANDLE parent_ = INVALID_HANDLE_VALUE;
+    uint64_t epoch_ = 0;
+};
+
 // Last state read in this process, with the listing entry of the file it came from.
 struct Cache {
     std::mutex mutex;
@@ -289,6 +347,9 @@ struct Cache {
     Newest file;
     bool valid = false;
     Snapshot state;
+    FolderWatch watch;
+    // The arming after which the cached state was confirmed as the newest; 0 for none.
+    uint64_t confirmed = 0;
 };
 
 Cache& cache() {
@@ -312,11 +373,20 @@ const Snapshot& emptyState() {
 bool loadCurrent(const std::string& folder, Snapshot& out) {
     Cache& c = cache();
     for (int attempt = 0; attempt < 100; ++attempt) {
+        uint64_t epoch = 0;
+        {
+            std::lock_guard<std::mutex> guard(c.mutex);
+            if (c.watch.unchanged(folder, epoch) && c.valid && c.folder == folder && c.confirmed == epoch) {
+                out = c.state;
+                return true;
+            }
+        }
         Newest newest;
         if (!findNewest(folder, newest)) return false;
         {
             std::lock_guard<std::mutex> guard(c.mutex);
             if (c.valid && c.folder == folder && c.file == newest) {
+                if (epoch > c.confirmed) c.confirmed = epoch;
                 out = c.state;
                 return true;
             }
@@ -340,12 +410,14 @@ bool loadCurrent(const std::string& folder, Snapshot& out) {
             }
         }
         std::lock_guard<std::mutex> guard(c.mutex);
-        // A slower reader must not put back an older state than one already cached.
-        if (!c.valid || c.folder != folder || c.state->generation <= state->generation) {
+        // A slower reader must not put back an older state than one already cached; a state
+        // confirmed before an earlier arming may come from a folder since made again, though.
+        if (!c.valid || c.folder != folder || c.state->generation <= state->generation || c.confirmed < epoch) {
             c.folder = folder;
             c.file = newest;
             c.state = state;
             c.valid = true;
+            c.confirmed = epoch;
         }
         out = std::move(state);
         return true;
@@ -449,6 +521,8 @@ int updateStore(const std::function<int(StoreState&)>& mutate) {
         Cache& c = cache();
         std::lock_guard<std::mutex> guard(c.mutex);
         if (newest.name == stateName(written->generation)) {
+            // Still under the file lock: this is the newest state whenever the watch was armed.
+            if (c.folder != folder) c.confirmed = 0;
             c.folder = folder;
             c.file = newest;
             c.state = written;

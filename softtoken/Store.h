@@ -7,8 +7,9 @@
 // to the next generation's name: that rename is the only commit point, so a writer dying at
 // any moment leaves the old or the new state. It then deletes the older generations.
 // The current state file is never replaced in place, because Windows (and Wine) refuse to
-// rename over a file that a reader holds open. Readers take no lock: they list the folder and
-// parse only when the newest file is not the one they read last.
+// rename over a file that a reader holds open. Readers take no lock: they list the folder only
+// after a change notification on it (or on every call when none can be set up) and parse only
+// when the newest file is not the one they read last.
 #pragma once
 
 #include <cstdint>

@@ -433,6 +433,20 @@ TEST(SoftTokenDevices, PlugStateAndFaultsSetByAnotherProcessApplyAtOnce) {
     EXPECT_EQ(1u, orvane_getKeyPairList("DEV-B", nullptr).size());
 }
 
+TEST(SoftTokenStore, AFolderRemovedAndMadeAgainUnderTheSameNameIsReadAfresh) {
+    useFreshStore("remade");
+    ASSERT_EQ(0, runTool("create OLD-1 --pin 1111"));
+    EXPECT_EQ(std::vector<std::string>{"OLD-1"}, orvane_getConnectedDeviceList(false, nullptr));
+    EXPECT_EQ(std::vector<std::string>{"OLD-1"}, orvane_getConnectedDeviceList(false, nullptr));
+
+    useFreshStore("remade");
+    EXPECT_TRUE(orvane_getConnectedDeviceList(false, nullptr).empty()) << "the old folder's state was kept";
+    ASSERT_EQ(0, runTool("create NEW-1 --pin 1111"));
+    EXPECT_EQ(std::vector<std::string>{"NEW-1"}, orvane_getConnectedDeviceList(false, nullptr));
+    ASSERT_EQ(0, runTool("unplug NEW-1"));
+    EXPECT_TRUE(orvane_getConnectedDeviceList(false, nullptr).empty()) << "a change in the new folder went unseen";
+}
+
 TEST(SoftTokenStore, SurvivesATornWriteAndRefusesToOverwriteACorruptStore) {
     std::string folder = useFreshStore("torn");
     ASSERT_EQ(0, admin::createToken("TORN-1", "Torn", "1234", 3));

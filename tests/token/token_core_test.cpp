@@ -74,6 +74,29 @@ TEST_F(LogWriterTest, MessageWithLineBreaksIsWrittenAsItIs) {
     EXPECT_EQ(static_cast<DWORD>(ERROR_MORE_DATA), GetLastError());
 }
 
+TEST_F(LogWriterTest, SettingsKeyMadeAgainAndLinesFromOtherWritersAreFollowed) {
+    writeBothAt(3);
+    ASSERT_EQ(ERROR_SUCCESS, RegDeleteKeyA(HKEY_LOCAL_MACHINE, "Software\\Kestrelon\\Orvane"));
+    std::string written = writeBothAt(-1);  // makes the key again, without the value
+    EXPECT_EQ(std::string::npos, written.find("DEBUG ::=>ordinary line")) << written;
+    EXPECT_NE(std::string::npos, written.find("ERROR ::=>failure line")) << written;
+    EXPECT_NE(std::string::npos, writeBothAt(3).find("DEBUG ::=>ordinary line")) << "the new key went unwatched";
+
+    // Another writer appends to the same day's file between two lines: nothing is overwritten.
+    std::string before = readProviderLog();
+    Utils::logMessage("first");
+    HANDLE other = CreateFileA(providerLogPath().c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                               OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, other);
+    DWORD done = 0;
+    WriteFile(other, "foreign\n", 8, &done, nullptr);
+    CloseHandle(other);
+    Utils::logMessage("second");
+    std::regex order("[^\n]*->DEBUG ::=>first\nforeign\n[^\n]*->DEBUG ::=>second\n");
+    std::string since = logSince(before);
+    EXPECT_TRUE(std::regex_match(since, order)) << since;
+}
+
 TEST(ContainerLookup, FindsTheTokenHoldingTheKeyAndFallsBackToTheFirst) {
     useFreshStore("lookup");
     EXPECT_EQ("", orvane::findSerialForContainer(std::string("00112233445566778899AABBCCDDEEFF")))
