@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 namespace orvane {
@@ -19,6 +20,16 @@ inline std::vector<unsigned char> reversedCopy(const unsigned char* data, size_t
     std::vector<unsigned char> copy(data, data + length);
     reverseBytes(copy.data(), copy.size());
     return copy;
+}
+
+// Little-endian 32-bit words, as the Windows key blob headers hold them.
+inline uint32_t readLittleEndian32(const unsigned char* at) {
+    return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 | static_cast<uint32_t>(at[2]) << 16 |
+           static_cast<uint32_t>(at[3]) << 24;
+}
+
+inline void appendLittleEndian32(std::vector<unsigned char>& out, uint32_t value) {
+    for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<unsigned char>(value >> shift));
 }
 
 }  // namespace orvane

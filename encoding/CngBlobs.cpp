@@ -1,21 +1,17 @@
 #include "encoding/CngBlobs.h"
 
+#include "encoding/ByteOrder.h"
+#include "encoding/KeyBlobs.h"
+
 namespace orvane::cng {
 namespace {
 
-uint32_t readLittleEndian32(const unsigned char* at) {
-    return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 | static_cast<uint32_t>(at[2]) << 16 |
-           static_cast<uint32_t>(at[3]) << 24;
-}
-
-void appendLittleEndian32(Bytes& out, uint32_t value) {
-    for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<unsigned char>(value >> shift));
-}
+using orvane::appendLittleEndian32;
+using orvane::readLittleEndian32;
 
 // RSA-4096, the largest key the token holds.
 const size_t kLargestModulus = 512;
 
-bool isTokenRsaSize(uint32_t bits) { return bits == 1024 || bits == 2048 || bits == 3072 || bits == 4096; }
 
 }  // namespace
 
@@ -31,7 +27,7 @@ BlobRefusal parseRsaPublicBlob(const unsigned char* blob, size_t length, RsaPubl
     const unsigned char* modulus = blob + sizeof(RsaKeyBlobHeader) + header.cbPublicExp;
     key.modulus.assign(modulus, modulus + header.cbModulus);
     key.bitLength = header.bitLength;
-    if (!isTokenRsaSize(header.bitLength)) return BlobRefusal::kUnsupportedSize;
+    if (blobs::rsaKeyTypeForBits(header.bitLength) == 0) return BlobRefusal::kUnsupportedSize;
     return BlobRefusal::kNone;
 }
 

@@ -2,17 +2,13 @@
 
 #include <utility>
 
+#include "encoding/ByteOrder.h"
+
 namespace orvane::blobs {
 namespace {
 
-uint32_t readLittleEndian32(const unsigned char* at) {
-    return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 | static_cast<uint32_t>(at[2]) << 16 |
-           static_cast<uint32_t>(at[3]) << 24;
-}
-
-void appendLittleEndian32(Bytes& out, uint32_t value) {
-    for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<unsigned char>(value >> shift));
-}
+using orvane::appendLittleEndian32;
+using orvane::readLittleEndian32;
 
 const size_t kRsaModulusOffset = 20;
 

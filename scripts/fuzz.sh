@@ -14,7 +14,7 @@ build() {
     clang++ $flags "fuzz/$name.cpp" "$@" -o "$out/$name"
 }
 build key_blobs_fuzzer encoding/KeyBlobs.cpp
-build cng_blobs_fuzzer encoding/CngBlobs.cpp
+build cng_blobs_fuzzer encoding/CngBlobs.cpp encoding/KeyBlobs.cpp
 for target in key_blobs_fuzzer cng_blobs_fuzzer; do
     mkdir -p "$out/corpus/$target"
     echo "== $target: $seconds s"
