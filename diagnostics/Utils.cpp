@@ -107,41 +107,9 @@ struct LogState {
     }
 };
 
-// The level the current entry-point call found with its first line (see Utils::CallScope).
-struct CallLevel {
-    int depth = 0;
-    bool known = false;
-    bool present = false;
-    DWORD level = 0;
-};
-thread_local CallLevel callLevel;
-
-LogState& logState();
-
-// The logLevel for the next line: from the current call when it already looked, else checked.
-bool levelForLine(LogState& state, DWORD& level);
-
 LogState& logState() {
     static LogState state;
     return state;
-}
-
-bool levelForLine(LogState& state, DWORD& level) {
-    if (callLevel.depth > 0 && callLevel.known) {
-        level = callLevel.level;
-        return callLevel.present;
-    }
-    bool present = false;
-    {
-        std::lock_guard<std::mutex> guard(state.mutex);
-        present = state.currentLevel(level);
-    }
-    if (callLevel.depth > 0) {
-        callLevel.known = true;
-        callLevel.present = present;
-        callLevel.level = level;
-    }
-    return present;
 }
 
 const char* levelPrefix(int level) {
@@ -219,11 +187,9 @@ void Utils::logMessage(std::string message) {
     DWORD lastError = GetLastError();
     try {
         LogState& state = logState();
+        std::lock_guard<std::mutex> guard(state.mutex);
         DWORD level = 0;
-        if (levelForLine(state, level) && level == 3) {
-            std::lock_guard<std::mutex> guard(state.mutex);
-            appendLine(kDebug, message);
-        }
+        if (state.currentLevel(level) && level == 3) appendLine(kDebug, message);
     } catch (...) {
     }
     SetLastError(lastError);
@@ -233,22 +199,12 @@ void Utils::logError(std::string message) {
     DWORD lastError = GetLastError();
     try {
         LogState& state = logState();
+        std::lock_guard<std::mutex> guard(state.mutex);
         DWORD level = 0;
-        if (!levelForLine(state, level) || level >= 2) {
-            std::lock_guard<std::mutex> guard(state.mutex);
-            appendLine(kError, message);
-        }
+        if (!state.currentLevel(level) || level >= 2) appendLine(kError, message);
     } catch (...) {
     }
     SetLastError(lastError);
-}
-
-Utils::CallScope::CallScope() {
-    if (callLevel.depth++ == 0) callLevel.known = false;
-}
-
-Utils::CallScope::~CallScope() {
-    if (--callLevel.depth == 0) callLevel.known = false;
 }
 
 void Utils::writeLine(int level, const std::string& message) {

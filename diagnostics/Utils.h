@@ -17,17 +17,6 @@ public:
     // Appends one line; never fails the caller and never throws.
     static void writeLine(int level, const std::string& message);
 
-    // One per entry-point call, on its thread: the call's lines share the logLevel that its
-    // first line found, so a call pays for one change check, not one per line. Lines written
-    // outside any call look at the level every time.
-    class CallScope {
-    public:
-        CallScope();
-        ~CallScope();
-        CallScope(const CallScope&) = delete;
-        CallScope& operator=(const CallScope&) = delete;
-    };
-
 private:
     // Called with the log mutex held.
     static void appendLine(int level, const std::string& message);

@@ -24,7 +24,6 @@ inline BOOL failWith(HRESULT lastError) { return failWith(static_cast<DWORD>(las
 template <typename Body>
 BOOL guardEntry(const char* entryName, Body&& body) {
     try {
-        Utils::CallScope scope;
         Utils::logMessage(entryName);
         return body();
     } catch (const std::bad_alloc&) {

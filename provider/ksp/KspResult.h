@@ -19,7 +19,6 @@ namespace orvane::ksp {
 template <typename Body>
 SECURITY_STATUS guardEntry(const char* entryName, Body&& body) {
     try {
-        Utils::CallScope scope;
         Utils::logMessage(entryName);
         return body();
     } catch (const std::bad_alloc&) {

@@ -123,27 +123,6 @@ TEST(ContainerLookup, FindsTheTokenHoldingTheKeyAndFallsBackToTheFirst) {
     EXPECT_EQ("LOOK-B", orvane::findSerialForContainer(wide));
 }
 
-TEST_F(LogWriterTest, OneEntryCallLooksAtTheLevelOnceAndTheNextCallSeesAChange) {
-    setLogLevel(0);
-    std::string before = readProviderLog();
-    {
-        Utils::CallScope call;
-        Utils::logMessage("first line of a call");
-        setLogLevel(3);
-        Utils::logMessage("second line of the same call");
-        {
-            Utils::CallScope nested;
-            Utils::logMessage("a call made inside the call");
-        }
-    }
-    Utils::logMessage("a line after the call");
-    std::string written = logSince(before);
-    EXPECT_EQ(std::string::npos, written.find("first line of a call"));
-    EXPECT_EQ(std::string::npos, written.find("same call")) << "the call keeps the level its first line found";
-    EXPECT_EQ(std::string::npos, written.find("inside the call"));
-    EXPECT_NE(std::string::npos, written.find("DEBUG ::=>a line after the call\n")) << written;
-}
-
 TEST(SessionTable, PinAndDeviceStateLiveApartAndForgettingAPinCreatesNothing) {
     const std::string serial = "SESSION-RULES";
     orvane::clearPin(serial);
