@@ -45,4 +45,16 @@ Bytes encodeRsaPublicKeyDer(const std::string& modulusHex, const std::string& ex
     return derWrap(0x30, body);
 }
 
+Bytes encodeEcdsaSignatureDer(const Bytes& rs) {
+    // INTEGERs are minimal: leading zero bytes go, unless the next byte needs one for its sign.
+    auto integer = [](Bytes magnitude) {
+        while (magnitude.size() > 1 && magnitude[0] == 0 && magnitude[1] < 0x80) magnitude.erase(magnitude.begin());
+        return derInteger(magnitude);
+    };
+    size_t half = rs.size() / 2;
+    Bytes body = integer(Bytes(rs.begin(), rs.begin() + half));
+    append(body, integer(Bytes(rs.begin() + half, rs.end())));
+    return derWrap(0x30, body);
+}
+
 }  // namespace orvane

@@ -21,4 +21,8 @@ Bytes derWrap(unsigned char tag, const Bytes& content);
 // SubjectPublicKeyInfo (rsaEncryption, NULL parameters) for a modulus and exponent given as hex text.
 Bytes encodeRsaPublicKeyDer(const std::string& modulusHex, const std::string& exponentHex);
 
+// ECDSA-Sig-Value (SEQUENCE of INTEGER r, INTEGER s) of a signature given as r || s with
+// halves of equal length, as the token makes it: the form OpenSSL and X.509 expect.
+Bytes encodeEcdsaSignatureDer(const Bytes& rs);
+
 }  // namespace orvane

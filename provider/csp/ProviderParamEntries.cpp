@@ -1,5 +1,5 @@
 // CPGetProvParam and CPSetProvParam: the provider's name and capabilities, its fixed
-// algorithm table, the token's containers, the container's key spec and certificate
+// algorithm table, the token's containers, the container's AT_ value and certificate
 // chain, the PIN and the hardware random-number switch. The size answers differ per
 // parameter on purpose; each variant is written once below.
 #include <atomic>

@@ -77,7 +77,7 @@ NCryptKeyName* keyNameForCaller(const OrvaneKeyPair& keyPair) {
 
 // The key pair a name opens, once the name is known to be some key pair's hex name: the
 // first pair named so by hex or label (an earlier label may win over a later hex name), then
-// by the legacy key spec, then a lone key pair.
+// by the legacy AT_ value asked for, then a lone key pair.
 const OrvaneKeyPair* chooseKeyPair(const std::vector<OrvaneKeyPair>& keyPairs, const std::string& name,
                                    DWORD legacyKeySpec) {
     for (const OrvaneKeyPair& keyPair : keyPairs)

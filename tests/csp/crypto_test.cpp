@@ -8,6 +8,7 @@
 
 #include <cstring>
 
+#include "encoding/Der.h"
 #include "encoding/Hex.h"
 #include "softtoken/SoftTokenAdmin.h"
 #include "tests/support/Matchers.h"
@@ -80,26 +81,6 @@ protected:
 ProvisionedKey CspCryptoTest::rsa2048_, CspCryptoTest::rsa3072_, CspCryptoTest::ec256_;
 std::string CspCryptoTest::ec384_, CspCryptoTest::ec384Certificate_;
 
-// The token's ECDSA signature r || s as the DER ECDSA-Sig-Value that OpenSSL reads.
-Bytes ecdsaSignatureDer(const Bytes& rs) {
-    auto integer = [](Bytes magnitude) {
-        while (magnitude.size() > 1 && magnitude[0] == 0 && magnitude[1] < 0x80) magnitude.erase(magnitude.begin());
-        if (magnitude[0] >= 0x80) magnitude.insert(magnitude.begin(), 0);
-        Bytes encoded = {0x02, static_cast<unsigned char>(magnitude.size())};
-        encoded.insert(encoded.end(), magnitude.begin(), magnitude.end());
-        return encoded;
-    };
-    size_t half = rs.size() / 2;
-    Bytes body = integer(Bytes(rs.begin(), rs.begin() + half));
-    Bytes s = integer(Bytes(rs.begin() + half, rs.end()));
-    body.insert(body.end(), s.begin(), s.end());
-    Bytes sequence = {0x30};
-    if (body.size() >= 0x80) sequence.push_back(0x81);
-    sequence.push_back(static_cast<unsigned char>(body.size()));
-    sequence.insert(sequence.end(), body.begin(), body.end());
-    return sequence;
-}
-
 TEST_F(CspCryptoTest, SignaturesVerifyWithOpenSslAgainstTheKeyCertificate) {
     const std::string message = "The quick brown fox signs through CryptoAPI";
     writeText(workDir() + "/message.txt", message);
@@ -161,7 +142,7 @@ TEST_F(CspCryptoTest, EcdsaSignaturesVerifyWithOpenSslAgainstTheKeyCertificate) 
         ASSERT_EQ(c.size, signature.size()) << c.digest;
 
         std::string file = std::string("ecsig-") + c.digest + "-" + std::to_string(c.size) + ".der";
-        writeFile(workDir() + "/" + file, ecdsaSignatureDer(reversed(signature)));
+        writeFile(workDir() + "/" + file, orvane::encodeEcdsaSignatureDer(reversed(signature)));
         HostResult host = runHost("openssl x509 -inform DER -in " + c.certificateFile +
                                   " -pubkey -noout > ec-cert-key.pem && openssl dgst -" + c.digest +
                                   " -verify ec-cert-key.pem -signature " + file + " ec-message.txt");

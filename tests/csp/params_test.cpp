@@ -1,5 +1,5 @@
 // Provider parameters as management tools and applications read them through Wine's
-// advapi32: the enumerations and their cursors, names, the container's key spec, the PIN
+// advapi32: the enumerations and their cursors, names, the container's PP_KEYSPEC answer, the PIN
 // parameters and the certificate chain.
 #include <windows.h>
 #include <wincrypt.h>

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/common/HostPath.h"
 #include "tools/desktop/UiDriver.h"
 
 namespace {
@@ -28,16 +29,8 @@ int fail(const std::string& what) {
     return 1;
 }
 
-std::string windowsPath(std::string path) {
-    if (path.empty() || path[0] != '/') return path;
-    path = "Z:" + path;
-    for (char& c : path)
-        if (c == '/') c = '\\';
-    return path;
-}
-
 bool writeFile(const std::string& path, const std::vector<BYTE>& bytes) {
-    std::ofstream file(windowsPath(path), std::ios::binary);
+    std::ofstream file(tools::windowsPathOf(path), std::ios::binary);
     file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     return static_cast<bool>(file);
 }
@@ -84,7 +77,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     std::string container = argv[1];
-    std::ifstream input(windowsPath(argv[2]), std::ios::binary);
+    std::ifstream input(tools::windowsPathOf(argv[2]), std::ios::binary);
     std::vector<BYTE> data((std::istreambuf_iterator<char>(input)), std::istreambuf_iterator<char>());
     if (!input.good() && !input.eof()) return fail(std::string("reading ") + argv[2]);
 

@@ -15,6 +15,8 @@
 #include "encoding/Der.h"
 #include "provider/ksp/KspInterface.h"
 
+#include "tools/common/HostPath.h"
+
 namespace {
 
 using Bytes = std::vector<unsigned char>;
@@ -22,14 +24,6 @@ using Bytes = std::vector<unsigned char>;
 int fail(const std::string& what, long status) {
     std::fprintf(stderr, "orvane-ksp-sign: %s failed (0x%08lX)\n", what.c_str(), static_cast<unsigned long>(status));
     return 1;
-}
-
-std::string windowsPath(std::string path) {
-    if (path.empty() || path[0] != '/') return path;
-    path = "Z:" + path;
-    for (char& c : path)
-        if (c == '/') c = '\\';
-    return path;
 }
 
 bool sha256(const Bytes& data, Bytes& digest) {
@@ -45,19 +39,6 @@ bool sha256(const Bytes& data, Bytes& digest) {
     return ok;
 }
 
-// r || s, each half a big-endian integer, as the DER ECDSA-Sig-Value OpenSSL expects.
-Bytes ecdsaDer(const Bytes& rs) {
-    auto integer = [](Bytes magnitude) {
-        while (magnitude.size() > 1 && magnitude[0] == 0 && magnitude[1] < 0x80) magnitude.erase(magnitude.begin());
-        return orvane::derInteger(magnitude);
-    };
-    size_t half = rs.size() / 2;
-    Bytes body = integer(Bytes(rs.begin(), rs.begin() + half));
-    Bytes s = integer(Bytes(rs.begin() + half, rs.end()));
-    body.insert(body.end(), s.begin(), s.end());
-    return orvane::derWrap(0x30, body);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -65,7 +46,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: orvane-ksp-sign KEYNAME FILE SIGNATURE_OUT\n");
         return 2;
     }
-    std::ifstream input(windowsPath(argv[2]), std::ios::binary);
+    std::ifstream input(tools::windowsPathOf(argv[2]), std::ios::binary);
     Bytes data((std::istreambuf_iterator<char>(input)), std::istreambuf_iterator<char>());
     Bytes digest;
     if (!sha256(data, digest)) return fail("SHA-256 through bcrypt", 0);
@@ -108,8 +89,8 @@ int main(int argc, char** argv) {
     std::printf("Signed %s (SHA-256) with %ls key %s through the key storage provider: %lu bytes.\n", argv[2],
                 algorithmGroup, argv[1], size);
 
-    Bytes out = ecdsa ? ecdsaDer(signature) : signature;
-    std::ofstream file(windowsPath(argv[3]), std::ios::binary);
+    Bytes out = ecdsa ? orvane::encodeEcdsaSignatureDer(signature) : signature;
+    std::ofstream file(tools::windowsPathOf(argv[3]), std::ios::binary);
     file.write(reinterpret_cast<const char*>(out.data()), static_cast<std::streamsize>(out.size()));
     ksp->FreeKey(provider, key);
     ksp->FreeProvider(provider);

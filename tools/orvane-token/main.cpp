@@ -16,6 +16,8 @@
 #include "softtoken/SoftTokenAdmin.h"
 #include "softtoken/Status.h"
 
+#include "tools/common/HostPath.h"
+
 namespace {
 
 const char kUsage[] =
@@ -56,14 +58,6 @@ Arguments parse(int argc, char** argv) {
             arguments.positional.push_back(word);
     }
     return arguments;
-}
-
-std::string hostPath(const std::string& path) {
-    if (path.empty() || path[0] != '/') return path;
-    std::string windows = "Z:" + path;
-    for (char& c : windows)
-        if (c == '/') c = '\\';
-    return windows;
 }
 
 int number(const std::string& text) { return std::atoi(text.c_str()); }
@@ -111,7 +105,7 @@ int run(const Arguments& a) {
         return report(status, "genkey", keyId);
     }
     if (command == "import-cert" && need(2)) {
-        std::ifstream file(hostPath(p[2]), std::ios::binary);
+        std::ifstream file(tools::windowsPathOf(p[2]), std::ios::binary);
         if (!file) return fail("cannot read " + p[2]);
         std::vector<unsigned char> der((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         std::string keyId;
@@ -130,7 +124,7 @@ int run(const Arguments& a) {
     if (command == "export-pub" && need(3)) {
         std::vector<unsigned char> der;
         if (int status = admin::exportPublicKey(p[1], p[2], der)) return report(status, "export-pub");
-        std::ofstream file(hostPath(p[3]), std::ios::binary);
+        std::ofstream file(tools::windowsPathOf(p[3]), std::ios::binary);
         file.write(reinterpret_cast<const char*>(der.data()), static_cast<std::streamsize>(der.size()));
         return file ? 0 : fail("cannot write " + p[3]);
     }
