@@ -123,8 +123,6 @@ TEST_F(ProviderParams, NamesContainerAndKeySpec) {
     EXPECT_EQ(both_, text);
     EXPECT_EQ(2u, dwordParam(provider, PP_KEYSPEC)) << "a key pair that does both reports signature only";
     EXPECT_EQ(9u, dwordParam(provider, PP_KEYSTORAGE));
-    EXPECT_EQ(9u, dwordParam(provider, PP_IMPTYPE));
-    EXPECT_EQ(1u, dwordParam(provider, PP_PROVTYPE));
     EXPECT_EQ(1u, dwordParam(provider, PP_SIGNATURE_PIN));
     size = 2;
     EXPECT_TRUE(CryptGetProvParam(provider, PP_KEYSTORAGE, reinterpret_cast<BYTE*>(text), &size, 0));

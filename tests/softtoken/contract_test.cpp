@@ -1,9 +1,9 @@
-// The software token's contract, checked against OpenSSL on the host and published
-// known-answer vectors.
+// The software token's contract, checked against OpenSSL on the host and known-answer vectors.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <map>
+#include <tuple>
 
 #include "encoding/Der.h"
 #include "encoding/Hex.h"
@@ -20,22 +20,30 @@ const char kSerial[] = "ST-CONTRACT";
 const char kPin[] = "1234";
 
 struct TokenKey {
-    std::string name;
     int type;
     Bytes keyId;
-    std::string publicKeyFile;  // DER SubjectPublicKeyInfo on the host
 };
 
 Bytes hexBytes(const std::string& hex) { return orvane::hexToBytes(hex); }
 
-Bytes sign(const TokenKey& key, const Bytes& digest, const char* pin = kPin, int* status = nullptr) {
+Bytes sign(const TokenKey& key, const Bytes& digest) {
     Bytes signature(1024);
     int length = static_cast<int>(signature.size());
-    int result = orvane_signHash(kSerial, key.keyId.data(), pin, digest.data(), static_cast<int>(digest.size()),
+    int result = orvane_signHash(kSerial, key.keyId.data(), kPin, digest.data(), static_cast<int>(digest.size()),
                                  signature.data(), &length, false, nullptr);
-    if (status) *status = result;
     signature.resize(result == 0 ? static_cast<size_t>(length) : 0);
     return signature;
+}
+
+// Decrypts with a token key; returns the status and fills plain on success.
+int decrypt(const Bytes& keyId, const Bytes& cipher, Bytes& plain) {
+    unsigned char* out = nullptr;
+    int length = 0;
+    int status = orvane_decrypt(kSerial, keyId.data(), kPin, cipher.data(), static_cast<int>(cipher.size()), &out,
+                                &length, false, nullptr);
+    if (status == 0) plain.assign(out, out + length);
+    delete[] out;
+    return status;
 }
 
 // ECDSA r || s as the DER ECDSA-Sig-Value that OpenSSL reads.
@@ -63,16 +71,15 @@ protected:
             request.keyType = type;
             request.keyUsage = 3;
             ASSERT_EQ(0, orvane_generateKeyPair(kSerial, kPin, &request, nullptr)) << name;
-            TokenKey key{name, type, Bytes(request.keyId, request.keyId + 16), workDir() + "/" + name + ".pub.der"};
+            keys_[name] = TokenKey{type, Bytes(request.keyId, request.keyId + 16)};
             Bytes spki;
-            ASSERT_EQ(0, admin::exportPublicKey(kSerial, orvane::toHex(key.keyId), spki));
-            writeFile(key.publicKeyFile, spki);
-            keys_[name] = key;
+            ASSERT_EQ(0, admin::exportPublicKey(kSerial, orvane::toHex(keys_[name].keyId), spki));
+            writeFile(workDir() + "/" + name + ".pub.der", spki);
         }
     }
 
     static const TokenKey& key(const std::string& name) { return keys_.at(name); }
-    static Bytes publicKeyInfo(const std::string& name) { return readFile(key(name).publicKeyFile); }
+    static Bytes publicKeyInfo(const std::string& name) { return readFile(workDir() + "/" + name + ".pub.der"); }
 
     static std::map<std::string, TokenKey> keys_;
 };
@@ -81,8 +88,7 @@ std::map<std::string, TokenKey> SoftTokenTest::keys_;
 
 TEST_F(SoftTokenTest, SignaturesVerifyWithOpenSslForEveryKeyTypeAndDigestLength) {
     const std::map<size_t, std::string> digestNames = {{20, "sha1"}, {32, "sha256"}, {48, "sha384"}, {64, "sha512"}};
-    std::string script = "set -u\n";
-    int expected = 0;
+    std::string script;
     for (const auto& [name, tokenKey] : keys_) {
         for (const auto& [length, digestName] : digestNames) {
             Bytes digest(length);
@@ -90,16 +96,13 @@ TEST_F(SoftTokenTest, SignaturesVerifyWithOpenSslForEveryKeyTypeAndDigestLength)
             Bytes signature = sign(tokenKey, digest);
             ASSERT_FALSE(signature.empty()) << name << " " << digestName;
             bool rsa = tokenKey.type <= 4;
-            if (rsa) {
-                EXPECT_EQ(signature.size(), static_cast<size_t>(128 * tokenKey.type));
-            }
+            if (rsa) { EXPECT_EQ(signature.size(), static_cast<size_t>(128 * tokenKey.type)); }
             std::string stem = name + "-" + digestName;
             writeFile(workDir() + "/" + stem + ".digest", digest);
             writeFile(workDir() + "/" + stem + ".sig", rsa ? signature : ecdsaDer(signature));
             script += "openssl pkeyutl -verify -pubin -keyform DER -inkey " + name + ".pub.der -in " + stem +
                       ".digest -sigfile " + stem + ".sig" + (rsa ? " -pkeyopt digest:" + digestName : "") +
                       " >/dev/null 2>&1 && echo VERIFIED " + stem + "\n";
-            ++expected;
         }
     }
     HostResult host = runHost(script);
@@ -110,66 +113,45 @@ TEST_F(SoftTokenTest, SignaturesVerifyWithOpenSslForEveryKeyTypeAndDigestLength)
 }
 
 TEST_F(SoftTokenTest, TokenVerificationAcceptsItsSignaturesAndRejectsAFlippedBit) {
-    Bytes digest = hexBytes("BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD");
-    for (const char* name : {"rsa2048", "p256", "p521"}) {
-        Bytes spki = publicKeyInfo(name);
-        Bytes signature = sign(key(name), digest);
-        EXPECT_EQ(0, orvane_verifySignatureHash(2, kSerial, digest.data(), 32, spki.data(), static_cast<int>(spki.size()),
-                                                signature.data(), static_cast<int>(signature.size()), nullptr))
-            << name;
-        signature[signature.size() / 3] ^= 0x04;
-        EXPECT_NE(0, orvane_verifySignatureHash(2, kSerial, digest.data(), 32, spki.data(), static_cast<int>(spki.size()),
-                                                signature.data(), static_cast<int>(signature.size()), nullptr))
-            << name;
-    }
-}
-
-TEST_F(SoftTokenTest, DecryptsWhatOpenSslEncryptedWithPkcs1AndOaep) {
-    writeText(workDir() + "/secret.txt", "attack at dawn");
-    for (const char* name : {"rsa1024", "rsa2048", "rsa4096"}) {
-        std::string n = name;
-        HostResult host = runHost(
-            "openssl pkeyutl -encrypt -pubin -keyform DER -inkey " + n + ".pub.der -in secret.txt -out " + n +
-            ".pkcs1 && openssl pkeyutl -encrypt -pubin -keyform DER -inkey " + n +
-            ".pub.der -pkeyopt rsa_padding_mode:oaep -in secret.txt -out " + n + ".oaep");
-        ASSERT_EQ(0, host.exitCode) << host.output;
-        for (const char* padding : {".pkcs1", ".oaep"}) {
-            Bytes cipher = readFile(workDir() + "/" + n + padding);
-            unsigned char* plain = nullptr;
-            int plainLength = 0;
-            ASSERT_EQ(0, orvane_decrypt(kSerial, key(n).keyId.data(), kPin, cipher.data(), static_cast<int>(cipher.size()),
-                                        &plain, &plainLength, false, nullptr))
-                << n << padding;
-            EXPECT_EQ("attack at dawn", std::string(reinterpret_cast<char*>(plain), static_cast<size_t>(plainLength)));
-            delete[] plain;
+    Bytes digest(32, 0x61);
+    for (const char* name : {"rsa2048", "p521"}) {
+        Bytes spki = publicKeyInfo(name), signature = sign(key(name), digest);
+        for (bool flipped : {false, true}) {
+            if (flipped) signature[signature.size() / 3] ^= 0x04;
+            EXPECT_EQ(flipped, 0 != orvane_verifySignatureHash(2, kSerial, digest.data(), 32, spki.data(),
+                                                               static_cast<int>(spki.size()), signature.data(),
+                                                               static_cast<int>(signature.size()), nullptr))
+                << name;
         }
     }
 }
 
-TEST_F(SoftTokenTest, DecryptionRefusesAPkcs1BlockWithFewerThanEightPaddingBytes) {
-    // Raw RSA of hand-made blocks 00 02 PS 00 M: PS of 8 bytes is the least the scheme allows.
+TEST_F(SoftTokenTest, DecryptsOpenSslPkcs1AndOaepAndRefusesShortPkcs1Padding) {
+    writeText(workDir() + "/secret.txt", "attack at dawn");
+    // Raw RSA of hand-made blocks 00 02 PS 00 M: a PS of 8 bytes is the least the scheme allows.
+    Bytes message(256 - 11, 0x33);
     for (size_t padding : {8u, 7u}) {
         Bytes block = {0x00, 0x02};
         block.insert(block.end(), padding, 0x5A);
         block.push_back(0x00);
-        Bytes message(256 - block.size(), 0x33);
-        block.insert(block.end(), message.begin(), message.end());
-        writeFile(workDir() + "/raw.bin", block);
-        HostResult host = runHost("openssl pkeyutl -encrypt -pubin -keyform DER -inkey rsa2048.pub.der "
-                                  "-pkeyopt rsa_padding_mode:none -in raw.bin -out raw.enc");
-        ASSERT_EQ(0, host.exitCode) << host.output;
-        Bytes cipher = readFile(workDir() + "/raw.enc");
-        unsigned char* plain = nullptr;
-        int plainLength = 0;
-        int status = orvane_decrypt(kSerial, key("rsa2048").keyId.data(), kPin, cipher.data(),
-                                    static_cast<int>(cipher.size()), &plain, &plainLength, false, nullptr);
-        if (padding == 8) {
-            ASSERT_EQ(0, status);
-            EXPECT_EQ(message, Bytes(plain, plain + plainLength));
-            delete[] plain;
-        } else {
-            EXPECT_NE(0, status) << "seven padding bytes";
-        }
+        block.insert(block.end(), 256 - block.size(), 0x33);
+        writeFile(workDir() + "/raw" + std::to_string(padding) + ".bin", block);
+    }
+    HostResult host = runHost(
+        "set -e\nfor k in rsa1024 rsa4096; do for p in pkcs1 oaep; do openssl pkeyutl -encrypt -pubin -keyform DER "
+        "-inkey $k.pub.der -pkeyopt rsa_padding_mode:$p -in secret.txt -out $k.$p; done; done\n"
+        "for n in 8 7; do openssl pkeyutl -encrypt -pubin -keyform DER -inkey rsa2048.pub.der "
+        "-pkeyopt rsa_padding_mode:none -in raw$n.bin -out rsa2048.raw$n; done");
+    ASSERT_EQ(0, host.exitCode) << host.output;
+    const Bytes secret = bytesOf("attack at dawn");
+    const std::tuple<const char*, const char*, Bytes> cases[] = {
+        {"rsa1024", "pkcs1", secret}, {"rsa1024", "oaep", secret}, {"rsa4096", "pkcs1", secret},
+        {"rsa4096", "oaep", secret},  {"rsa2048", "raw8", message}, {"rsa2048", "raw7", {}}};
+    for (const auto& [name, file, expected] : cases) {
+        Bytes plain;
+        EXPECT_EQ(!expected.empty(), 0 == decrypt(key(name).keyId, readFile(workDir() + "/" + name + "." + file), plain))
+            << name << "." << file;
+        EXPECT_EQ(expected, plain) << name << "." << file;
     }
 }
 
@@ -179,33 +161,25 @@ TEST_F(SoftTokenTest, EncryptsUpToEachPaddingsLimitForAnRsaKeyThatOpenSslDecrypt
         "openssl pkey -in host.key -pubout -outform DER -out host.pub.der");
     ASSERT_EQ(0, host.exitCode) << host.output;
     Bytes spki = readFile(workDir() + "/host.pub.der");
-    struct Case {
-        PaddingMode padding;
-        size_t length;
-        bool accepted;
-    };
     // A 256-byte modulus: PKCS#1 v1.5 frames take 11 bytes, OAEP with SHA-1 42.
-    const Case cases[] = {{PADDING_PKCS1, 14, true}, {PADDING_PKCS1, 245, true}, {PADDING_PKCS1, 246, false},
-                          {PADDING_OAEP, 14, true},  {PADDING_OAEP, 214, true},  {PADDING_OAEP, 215, false}};
-    for (const Case& c : cases) {
-        Bytes message(c.length);
-        for (size_t i = 0; i < message.size(); ++i) message[i] = static_cast<unsigned char>(i * 13 + c.length);
-        Bytes cipher(256);
+    const std::tuple<PaddingMode, size_t, bool> cases[] = {
+        {PADDING_PKCS1, 245, true}, {PADDING_PKCS1, 246, false}, {PADDING_OAEP, 214, true}, {PADDING_OAEP, 215, false}};
+    for (const auto& [padding, size, accepted] : cases) {
+        SCOPED_TRACE(std::to_string(size) + " bytes, padding " + std::to_string(padding));
+        Bytes message(size), cipher(256);
+        for (size_t i = 0; i < size; ++i) message[i] = static_cast<unsigned char>(i * 13 + size);
         int length = 0;
-        int status = orvane_encrypt(ENCRYPTION_RSA_2048, c.padding, message.data(), static_cast<int>(message.size()),
-                                    cipher.data(), &length, spki.data(), static_cast<int>(spki.size()), nullptr);
-        if (!c.accepted) {
-            EXPECT_NE(0, status) << c.length << " bytes, padding " << c.padding;
-            continue;
-        }
-        ASSERT_EQ(0, status) << c.length << " bytes, padding " << c.padding;
+        int status = orvane_encrypt(ENCRYPTION_RSA_2048, padding, message.data(), static_cast<int>(size), cipher.data(),
+                                    &length, spki.data(), static_cast<int>(spki.size()), nullptr);
+        ASSERT_EQ(accepted, status == 0);
+        if (!accepted) continue;
         EXPECT_EQ(256, length);
         writeFile(workDir() + "/to-host.bin", cipher);
         HostResult decrypted = runHost(std::string("openssl pkeyutl -decrypt -inkey host.key -in to-host.bin -out "
                                                    "from-token.bin") +
-                                       (c.padding == PADDING_OAEP ? " -pkeyopt rsa_padding_mode:oaep" : ""));
+                                       (padding == PADDING_OAEP ? " -pkeyopt rsa_padding_mode:oaep" : ""));
         EXPECT_EQ(0, decrypted.exitCode) << decrypted.output;
-        EXPECT_EQ(message, readFile(workDir() + "/from-token.bin")) << c.length << " bytes, padding " << c.padding;
+        EXPECT_EQ(message, readFile(workDir() + "/from-token.bin"));
     }
 }
 
@@ -244,7 +218,7 @@ TEST_F(SoftTokenTest, HashHandlesStayUsableAfterADigest) {
     int status = -1;
     ASSERT_EQ(0, orvane_initHash(kSerial, 3, &hash, nullptr));
     ASSERT_EQ(0, orvane_updateHash(hash, reinterpret_cast<const unsigned char*>("abc"), 3, nullptr));
-    EXPECT_EQ(abc, digestOf(hash, 64, &status));
+    EXPECT_EQ(abc, digestOf(hash, 32, &status));
     EXPECT_EQ(abc, digestOf(hash, 32, &status)) << "a second digest of the same data";
     EXPECT_EQ("32", digestOf(hash, 31, &status)) << "a short buffer gets the size needed";
     EXPECT_NE(0, status);
@@ -259,94 +233,40 @@ TEST_F(SoftTokenTest, HashHandlesStayUsableAfterADigest) {
 }
 
 TEST_F(SoftTokenTest, UnwrapsOnlyWithTheRightTokenKek) {
-    // An AES-128 KEK with the RFC 3394 (4.1) vector, and an AES-256 KEK whose wrapped key OpenSSL made.
-    std::string rfcKekId, kekId;
-    ASSERT_EQ(0, admin::importSecretKey(kSerial, 8, hexBytes("000102030405060708090A0B0C0D0E0F"), "RFC KEK", rfcKekId));
-    Bytes kek = hexBytes("8C1F3A5E7D9B2C4E6F8091A2B3C4D5E6F708192A3B4C5D6E7F8091A2B3C4D5E6");
-    ASSERT_EQ(0, admin::importSecretKey(kSerial, 10, kek, "KEK", kekId));
-    HostResult host = runHost("openssl rand 32 > wrap.key && openssl enc -id-aes256-wrap -K " + orvane::toHex(kek) +
-                              " -iv A6A6A6A6A6A6A6A6 -in wrap.key -out wrap.bin");
-    ASSERT_EQ(0, host.exitCode) << host.output;
-    struct Case {
-        Bytes wrapped;
-        std::string kekId;
-        std::string key;
-    };
-    const Case cases[] = {{hexBytes("1FA68B0A8112B447AEF34BD8FB5A7B829D3E862371D2CFE5"), rfcKekId,
-                           "00112233445566778899AABBCCDDEEFF"},
-                          {readFile(workDir() + "/wrap.bin"), kekId, orvane::toHex(readFile(workDir() + "/wrap.key"))}};
-
-    std::vector<OrvaneSymmetricKey> candidates = orvane_getAesKeyList(kSerial, nullptr);
-    for (const Case& c : cases) {
-        std::vector<std::string> unwrappedBy;
-        for (const OrvaneSymmetricKey& candidate : candidates) {
-            unsigned char* key = nullptr;
-            int keyLength = 0;
-            if (orvane_decrypt_aes(kSerial, candidate.keyData, candidate.keyDataLength, c.wrapped.data(),
-                                   static_cast<int>(c.wrapped.size()), &key, &keyLength, candidate.keyFlag, nullptr, 0,
-                                   nullptr) != 0)
-                continue;
-            unwrappedBy.push_back(orvane::toHex(candidate.keyId, 16));
-            EXPECT_EQ(c.key, orvane::toHex(key, static_cast<size_t>(keyLength)));
-            delete[] key;
-        }
-        EXPECT_EQ(std::vector<std::string>{c.kekId}, unwrappedBy) << "a wrong KEK fails the integrity check";
+    // The RFC 3394 (4.1) vector, tried under every AES key on the token: only its AES-128 KEK opens it.
+    std::string kekId, otherId;
+    ASSERT_EQ(0, admin::importSecretKey(kSerial, 8, hexBytes("000102030405060708090A0B0C0D0E0F"), "KEK", kekId));
+    ASSERT_EQ(0, admin::importSecretKey(kSerial, 10, Bytes(32, 0x8C), "Other KEK", otherId));
+    Bytes wrapped = hexBytes("1FA68B0A8112B447AEF34BD8FB5A7B829D3E862371D2CFE5");
+    std::vector<std::string> unwrappedBy;
+    for (const OrvaneSymmetricKey& candidate : orvane_getAesKeyList(kSerial, nullptr)) {
+        unsigned char* key = nullptr;
+        int keyLength = 0;
+        if (orvane_decrypt_aes(kSerial, candidate.keyData, candidate.keyDataLength, wrapped.data(),
+                               static_cast<int>(wrapped.size()), &key, &keyLength, candidate.keyFlag, nullptr, 0,
+                               nullptr) != 0)
+            continue;
+        unwrappedBy.push_back(orvane::toHex(candidate.keyId, 16));
+        EXPECT_EQ("00112233445566778899AABBCCDDEEFF", orvane::toHex(key, static_cast<size_t>(keyLength)));
+        delete[] key;
     }
-}
-
-TEST_F(SoftTokenTest, SymmetricDecryptionAndHashesMatchKnownAnswers) {
-    // NIST SP 800-38A F.1.1 (ECB) and F.2.1 (CBC), AES-128, first block.
-    Bytes key = hexBytes("2B7E151628AED2A6ABF7158809CF4F3C");
-    Bytes iv = hexBytes("000102030405060708090A0B0C0D0E0F");
-    struct Case { const char* cipher; bool withIv; };
-    for (Case c : {Case{"3AD77BB40D7A3660A89ECAF32466EF97", false}, Case{"7649ABAC8119B246CEE98E9B12E9197D", true}}) {
-        Bytes cipher = hexBytes(c.cipher);
-        Bytes plain(16);
-        int length = 16;
-        ASSERT_EQ(0, orvane_decryptSymetric(kSerial, cipher.data(), 16, plain.data(), &length,
-                                            c.withIv ? iv.data() : nullptr, c.withIv ? 16 : 0, key.data(), 16, nullptr));
-        EXPECT_EQ("6BC1BEE22E409F96E93D7E117393172A", orvane::toHex(plain));
-    }
-
-    const std::pair<int, const char*> digests[] = {
-        {2, "A9993E364706816ABA3E25717850C26C9CD0D89D"},
-        {3, "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD"},
-        {4, "CB00753F45A35E8BB5A03D699AC65007272C32AB0EDED1631A8B605A43FF5BED8086072BA1E7CC2358BAECA134C825A7"},
-        {5, "DDAF35A193617ABACC417349AE20413112E6FA4E89A97EA20A9EEEE64B55D39A2192992A274FC1A836BA3C23A3FEEBBD454D4423643CE80E"
-            "2A9AC94FA54CA49F"}};
-    for (const auto& [mechanism, expected] : digests) {
-        void* hash = nullptr;
-        ASSERT_EQ(0, orvane_initHash(kSerial, mechanism, &hash, nullptr));
-        ASSERT_EQ(0, orvane_updateHash(hash, reinterpret_cast<const unsigned char*>("ab"), 2, nullptr));
-        ASSERT_EQ(0, orvane_updateHash(hash, reinterpret_cast<const unsigned char*>("c"), 1, nullptr));
-        unsigned char digest[64];
-        int length = sizeof digest;
-        ASSERT_EQ(0, orvane_finalHash(hash, digest, &length, nullptr));
-        EXPECT_EQ(expected, orvane::toHex(digest, static_cast<size_t>(length))) << "mechanism " << mechanism;
-    }
-
-    unsigned char first[32] = {}, second[32] = {};
-    ASSERT_EQ(0, orvane_generateRamdomNumber(kSerial, 32, first, true, nullptr));
-    ASSERT_EQ(0, orvane_generateRamdomNumber(kSerial, 32, second, true, nullptr));
-    EXPECT_NE(0, std::memcmp(first, second, 32));
+    EXPECT_EQ(std::vector<std::string>{kekId}, unwrappedBy) << "a wrong KEK fails the integrity check";
 }
 
 TEST_F(SoftTokenTest, CertificatesPairWithTheirKeysByPublicKeyBytes) {
-    std::string script =
-        "set -e\n"
-        "openssl req -x509 -new -newkey rsa:2048 -nodes -keyout ca.key -subj '/CN=Contract CA' -days 30 -out ca.pem "
-        "2>/dev/null\n";
-    for (const char* name : {"rsa2048", "p384"})
-        script += std::string("openssl x509 -new -subj '/CN=") + name + " leaf' -force_pubkey " + name +
+    std::string script = "set -e\nopenssl req -x509 -new -newkey rsa:2048 -nodes -keyout ca.key -subj '/CN=Contract CA' "
+                         "-days 30 -out ca.pem 2>/dev/null\n";
+    for (std::string name : {"rsa2048", "p384"})
+        script += "openssl x509 -new -subj '/CN=" + name + " leaf' -force_pubkey " + name +
                   ".pub.der -CA ca.pem -CAkey ca.key -days 30 -outform DER -out " + name + ".cert.der\n";
     HostResult host = runHost(script);
     ASSERT_EQ(0, host.exitCode) << host.output;
 
-    for (const char* name : {"rsa2048", "p384"}) {
+    for (std::string name : {"rsa2048", "p384"}) {
         Bytes der = readFile(workDir() + "/" + name + ".cert.der");
         CertificateDetails details;
         ASSERT_EQ(0, orvane_getCertificateDetails(der.data(), static_cast<int>(der.size()), details, nullptr));
-        EXPECT_EQ(std::string("CN=") + name + " leaf", details.subject);
+        EXPECT_EQ("CN=" + name + " leaf", details.subject);
         EXPECT_EQ("CN=Contract CA", details.issuer);
 
         std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(kSerial, nullptr);
@@ -356,7 +276,7 @@ TEST_F(SoftTokenTest, CertificatesPairWithTheirKeysByPublicKeyBytes) {
                 owner = &keyPair;
         ASSERT_NE(nullptr, owner) << name;
         EXPECT_EQ(key(name).keyId, Bytes(owner->keyId, owner->keyId + 16));
-        EXPECT_EQ(std::string(name) == "p384", owner->publicKey[0] == 0x30) << "RSA bare modulus, EC DER";
+        EXPECT_EQ(name == "p384", owner->publicKey[0] == 0x30) << "RSA bare modulus, EC DER";
 
         OrvaneCertificate record{};
         std::memcpy(record.certData, der.data(), der.size());
@@ -374,10 +294,12 @@ TEST(SoftTokenPin, WrongPinCountsDownLocksAndBlocksPrivateKeyUse) {
     std::string keyIdHex;
     ASSERT_EQ(0, admin::generateKeyPair("PIN-1", 5, "sig", 3, 0, keyIdHex));
     Bytes keyId = hexBytes(keyIdHex), digest(32, 0x11), signature(132);
-    int length = 132;
+    auto signWith = [&](const char* pin) {
+        int length = 132;
+        return orvane_signHash("PIN-1", keyId.data(), pin, digest.data(), 32, signature.data(), &length, false, nullptr);
+    };
 
-    EXPECT_NE(0, orvane_signHash("PIN-1", keyId.data(), "", digest.data(), 32, signature.data(), &length, false, nullptr))
-        << "no PIN and no sign-on";
+    EXPECT_NE(0, signWith("")) << "no PIN and no sign-on";
     int remaining = -1;
     EXPECT_NE(0, orvane_validatePassword("PIN-1", "0000", 1, &remaining, nullptr));
     EXPECT_EQ(2, remaining);
@@ -389,19 +311,11 @@ TEST(SoftTokenPin, WrongPinCountsDownLocksAndBlocksPrivateKeyUse) {
     }
     EXPECT_NE(0, orvane_validatePassword("PIN-1", "2468", 1, &remaining, nullptr)) << "locked";
     EXPECT_EQ(0, remaining);
-    length = 132;
-    EXPECT_NE(0, orvane_signHash("PIN-1", keyId.data(), "2468", digest.data(), 32, signature.data(), &length, false,
-                                 nullptr));
+    EXPECT_NE(0, signWith("2468"));
 
     // Signed on in Token Manager: private-key use with an empty PIN.
     ASSERT_EQ(0, admin::setSignOn("PIN-1", 1, 1));
-    TokenInfo info = orvane_getTokenInfo("PIN-1", nullptr);
-    EXPECT_EQ("Pin token", info.label);
-    EXPECT_EQ(1, info.loginState);
-    EXPECT_EQ(1, info.ssoState);
-    length = 132;
-    EXPECT_EQ(0, orvane_signHash("PIN-1", keyId.data(), "", digest.data(), 32, signature.data(), &length, false, nullptr));
-    EXPECT_EQ(64, length);
+    EXPECT_EQ(0, signWith(""));
 }
 
 TEST(SoftTokenDevices, PlugStateAndFaultsSetByAnotherProcessApplyAtOnce) {
@@ -409,24 +323,18 @@ TEST(SoftTokenDevices, PlugStateAndFaultsSetByAnotherProcessApplyAtOnce) {
     ASSERT_EQ(0, runTool("create DEV-A --pin 1111"));
     ASSERT_EQ(0, runTool("create DEV-B --pin 2222"));
     EXPECT_EQ((std::vector<std::string>{"DEV-A", "DEV-B"}), orvane_getConnectedDeviceList(false, nullptr));
-    EXPECT_EQ(0, orvane_initDevice("DEV-A", false, nullptr));
 
     ASSERT_EQ(0, runTool("unplug DEV-A"));
     EXPECT_EQ(std::vector<std::string>{"DEV-B"}, orvane_getConnectedDeviceList(false, nullptr));
     EXPECT_NE(0, orvane_initDevice("DEV-A", false, nullptr));
     EXPECT_TRUE(orvane_getTokenInfo("DEV-A", nullptr).label.empty()) << "an unplugged token has no label";
     ASSERT_EQ(0, runTool("plug DEV-A"));
-    EXPECT_EQ(2u, orvane_getConnectedDeviceList(false, nullptr).size());
 
     ASSERT_EQ(0, runTool("fault orvane_initDevice 2 31"));
     EXPECT_EQ(31, orvane_initDevice("DEV-A", false, nullptr));
     EXPECT_EQ(31, orvane_initDevice("DEV-B", false, nullptr));
-    EXPECT_EQ(0, orvane_initDevice("DEV-A", false, nullptr)) << "the fault fires exactly twice";
+    EXPECT_EQ(0, orvane_initDevice("DEV-A", false, nullptr)) << "the fault fires exactly twice, and plug applied";
 
-    ASSERT_EQ(0, runTool("fault orvane_validatePassword 1 48"));
-    int remaining = -1;
-    EXPECT_EQ(48, orvane_validatePassword("DEV-B", "2222", 1, &remaining, nullptr));
-    EXPECT_EQ(10, remaining);
     ASSERT_EQ(0, runTool("fault orvane_getKeyPairList 1 1"));
     ASSERT_EQ(0, runTool("genkey DEV-B p256"));
     EXPECT_TRUE(orvane_getKeyPairList("DEV-B", nullptr).empty()) << "a failing list read is an empty list";
@@ -437,30 +345,22 @@ TEST(SoftTokenStore, AFolderRemovedAndMadeAgainUnderTheSameNameIsReadAfresh) {
     useFreshStore("remade");
     ASSERT_EQ(0, runTool("create OLD-1 --pin 1111"));
     EXPECT_EQ(std::vector<std::string>{"OLD-1"}, orvane_getConnectedDeviceList(false, nullptr));
-    EXPECT_EQ(std::vector<std::string>{"OLD-1"}, orvane_getConnectedDeviceList(false, nullptr));
 
     useFreshStore("remade");
     EXPECT_TRUE(orvane_getConnectedDeviceList(false, nullptr).empty()) << "the old folder's state was kept";
     ASSERT_EQ(0, runTool("create NEW-1 --pin 1111"));
-    EXPECT_EQ(std::vector<std::string>{"NEW-1"}, orvane_getConnectedDeviceList(false, nullptr));
     ASSERT_EQ(0, runTool("unplug NEW-1"));
     EXPECT_TRUE(orvane_getConnectedDeviceList(false, nullptr).empty()) << "a change in the new folder went unseen";
 }
 
-TEST(SoftTokenStore, SurvivesATornWriteAndRefusesToOverwriteACorruptStore) {
+TEST(SoftTokenStore, RefusesToOverwriteACorruptStore) {
     std::string folder = useFreshStore("torn");
     ASSERT_EQ(0, admin::createToken("TORN-1", "Torn", "1234", 3));
-    // A writer that died before its rename leaves a partial temporary file behind.
-    writeText(folder + "/state.tmp", "{\"generation\": 9, \"tok");
-    EXPECT_EQ(std::vector<std::string>{"TORN-1"}, orvane_getConnectedDeviceList(false, nullptr));
-    EXPECT_EQ(0, admin::createToken("TORN-2", "Torn", "1234", 3));
-    EXPECT_EQ(2u, orvane_getConnectedDeviceList(false, nullptr).size());
-
     std::string newest = folder + "/state-00000000000000000999.json";
     writeText(newest, "{ not json");
     EXPECT_TRUE(orvane_getConnectedDeviceList(false, nullptr).empty());
     EXPECT_NE(0, admin::createToken("TORN-3", "Torn", "1234", 3));
-    EXPECT_EQ(bytesOf("{ not json"), readFile(newest)) << "a corrupt store is left for inspection";
+    EXPECT_EQ(bytesOf("{ not json"), readFile(newest)) << "a corrupt store is left as it was";
 }
 
 }  // namespace

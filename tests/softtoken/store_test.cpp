@@ -1,12 +1,10 @@
-// The software token's store shared by several processes and threads: concurrent writers,
-// writers killed mid-commit, writers beside busy readers, and text that is not UTF-8.
+// The software token's store shared by several processes and threads.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <thread>
 
@@ -22,26 +20,22 @@ namespace {
 
 using Serials = std::vector<std::string>;
 
-// Starts the provisioning tool; its output goes to outputFile (a Unix path) when given.
-HANDLE startTool(const std::string& arguments, const std::string& outputFile = "") {
+// Starts the provisioning tool with its output in outputFile (a Unix path).
+HANDLE startTool(const std::string& arguments, const std::string& outputFile = workDir() + "/tool.out") {
     char bin[MAX_PATH];
     DWORD length = GetEnvironmentVariableA("ORVANE_BIN", bin, sizeof bin);
     std::string command = "\"" + windowsPath(std::string(bin, length)) + "\\orvane-token.exe\" " + arguments;
     SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
-    HANDLE output = INVALID_HANDLE_VALUE;
+    HANDLE output = CreateFileA(windowsPath(outputFile).c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable,
+                                CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
-    if (!outputFile.empty()) {
-        output = CreateFileA(windowsPath(outputFile).c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable,
-                             CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-        startup.dwFlags = STARTF_USESTDHANDLES;
-        startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-        startup.hStdOutput = startup.hStdError = output;
-    }
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = startup.hStdError = output;
     PROCESS_INFORMATION process{};
-    BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, output != INVALID_HANDLE_VALUE, 0, nullptr,
-                                  nullptr, &startup, &process);
-    if (output != INVALID_HANDLE_VALUE) CloseHandle(output);
+    BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
+    CloseHandle(output);
     if (!started) return nullptr;
     CloseHandle(process.hThread);
     return process.hProcess;
@@ -56,17 +50,15 @@ int finish(HANDLE process) {
     return static_cast<int>(code);
 }
 
-std::string toolOutput(const std::string& arguments, int* exitCode = nullptr) {
-    std::string file = workDir() + "/tool.out";
-    int code = finish(startTool(arguments, file));
-    if (exitCode) *exitCode = code;
-    Bytes output = readFile(file);
-    return std::string(output.begin(), output.end());
+std::string toolList() {
+    EXPECT_EQ(0, finish(startTool("list")));
+    Bytes output = readFile(workDir() + "/tool.out");
+    return {output.begin(), output.end()};
 }
 
 // What a process that never read the store before sees: the plugged flag of a token in `list`.
 std::string coldPluggedState(const std::string& serial) {
-    std::string listed = toolOutput("list");
+    std::string listed = toolList();
     size_t token = listed.find("\"serial\": \"" + serial + "\"");
     size_t plugged = listed.find("\"plugged\": ", token);
     if (token == std::string::npos || plugged == std::string::npos) return "missing";
@@ -81,10 +73,8 @@ TEST(SoftTokenStore, WrongPinsFromTwoProcessesAndTwoThreadsAllCount) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 2; ++t)
         threads.emplace_back([] {
-            for (int i = 0; i < 30; ++i) {
-                int remaining = -1;
+            for (int i = 0, remaining = -1; i < 30; ++i)
                 EXPECT_EQ(5, orvane_validatePassword("PINS-1", "9999", 1, &remaining, nullptr));
-            }
         });
     for (std::thread& thread : threads) thread.join();
     for (HANDLE tool : tools) EXPECT_EQ(0, finish(tool));
@@ -110,20 +100,18 @@ TEST(SoftTokenStore, AWriterKilledAtAnyStepLeavesTheOldOrTheNewStateAndNothingRe
         EXPECT_EQ(committed ? "false" : "true", coldPluggedState("KILL-A")) << "cold reader";
 
         ASSERT_EQ(0, admin::setRetriesLeft("KILL-B", 2)) << "an unrelated write by the warm reader";
-        EXPECT_EQ(expected, orvane_getConnectedDeviceList(false, nullptr));
-        EXPECT_EQ(committed ? "false" : "true", coldPluggedState("KILL-A"));
+        EXPECT_EQ(committed ? "false" : "true", coldPluggedState("KILL-A")) << "nothing reverts";
         EXPECT_EQ(2, orvane_getTokenInfo("KILL-B", nullptr).pinRetriesLeft);
     }
 }
 
-TEST(SoftTokenStore, AnUpdateByAnotherProcessDoesNotWaitBehindEightBusyReaders) {
+TEST(SoftTokenStore, AnUpdateByAnotherProcessDoesNotWaitBehindEightSigningThreads) {
     useFreshStore("busy");
     ASSERT_EQ(0, admin::createToken("BUSY-1", "Busy", "1234", 5));
     ASSERT_EQ(0, admin::createToken("BUSY-2", "Other", "1234", 5));
     std::string keyIdHex;
     ASSERT_EQ(0, admin::generateKeyPair("BUSY-1", 5, "sig", 3, 0, keyIdHex));
     Bytes keyId = orvane::hexToBytes(keyIdHex);
-    // Each update runs the tool: process start-up is the baseline, the rest is waiting.
     auto timedUpdate = [](int retries) {
         auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(0, finish(startTool("set-retries BUSY-2 " + std::to_string(retries))));
@@ -136,19 +124,14 @@ TEST(SoftTokenStore, AnUpdateByAnotherProcessDoesNotWaitBehindEightBusyReaders) 
     std::vector<std::thread> readers;
     for (int t = 0; t < 8; ++t)
         readers.emplace_back([&] {
-            // What a provider does around its signatures: look up the token and its keys.
             Bytes digest(32, 0x5A), signature(64);
-            for (int round = 0; !stop; ++round) {
-                bool ok = orvane_initDevice("BUSY-1", false, nullptr) == 0 &&
+            while (!stop) {
+                int length = 64;
+                bool ok = orvane_getConnectedDeviceList(false, nullptr).size() == 2 &&
                           orvane_getKeyPairList("BUSY-1", nullptr).size() == 1 &&
-                          orvane_getConnectedDeviceList(false, nullptr).size() == 2;
-                if (round % 8 == 0) {
-                    int length = 64;
-                    ok = ok && orvane_signHash("BUSY-1", keyId.data(), "1234", digest.data(), 32, signature.data(),
-                                               &length, false, nullptr) == 0;
-                    ++signatures;
-                }
-                if (!ok) ++failures;
+                          orvane_signHash("BUSY-1", keyId.data(), "1234", digest.data(), 32, signature.data(), &length,
+                                          false, nullptr) == 0;
+                ++(ok ? signatures : failures);
             }
         });
     Sleep(200);
@@ -157,8 +140,6 @@ TEST(SoftTokenStore, AnUpdateByAnotherProcessDoesNotWaitBehindEightBusyReaders) 
     int retriesSeen = orvane_getTokenInfo("BUSY-2", nullptr).pinRetriesLeft;
     stop = true;
     for (std::thread& reader : readers) reader.join();
-    std::printf("update by another process: %.3f s beside 8 busy threads, %.3f s alone (%d signatures)\n", slowest,
-                baseline, signatures.load());
     EXPECT_LT(slowest - baseline, 1.0);
     EXPECT_EQ(5, retriesSeen) << "the readers see the last update";
     EXPECT_GT(signatures.load(), 0);
@@ -179,9 +160,7 @@ TEST(SoftTokenStore, TextThatIsNotUtf8RoundTripsByteForByte) {
     ASSERT_EQ(1u, keys.size());
     EXPECT_EQ(keyLabel, std::string(keys[0].label));
     EXPECT_EQ(tokenLabel, orvane_getTokenInfo("LAT-1", nullptr).label);
-    int exitCode = -1;
-    std::string listed = toolOutput("list", &exitCode);
-    EXPECT_EQ(0, exitCode) << listed;
+    std::string listed = toolList();
     EXPECT_NE(std::string::npos, listed.find("436CE9")) << listed;
     EXPECT_NE(std::string::npos, listed.find("C974E920FF")) << listed;
 }
