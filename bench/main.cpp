@@ -142,6 +142,20 @@ bool libraryHashAndSign(const TokenKey& key, const Bytes& data, Bytes& signature
     return true;
 }
 
+// The three calls around the signature, one at a time.
+bool libraryHashOnly(const TokenKey& key, const Bytes& data) {
+    void* hash = nullptr;
+    unsigned char digest[128];
+    int digestLength = sizeof digest;
+    return orvane_initHash(key.serial.c_str(), ORVANE_MECH_SHA256, &hash, nullptr) == 0 &&
+           orvane_updateHash(hash, data.data(), static_cast<int>(data.size()), nullptr) == 0 &&
+           orvane_finalHash(hash, digest, &digestLength, nullptr) == 0;
+}
+
+bool libraryKeyPairList(const TokenKey& key) { return !orvane_getKeyPairList(key.serial.c_str(), nullptr).empty(); }
+
+bool libraryTokenInfo(const TokenKey& key) { return !orvane_getTokenInfo(key.serial.c_str(), nullptr).label.empty(); }
+
 bool librarySign(const TokenKey& key, const Bytes& digest, Bytes& signature) {
     signature.resize(1024);
     int signatureLength = static_cast<int>(signature.size());
@@ -367,9 +381,12 @@ void signingPhase(const TokenKey& rsa, const TokenKey& ec, int rounds, LogLevel&
         v.push_back({tag + "acquire", [&, key] { return cryptoApiAcquireSignRelease(*key, data, sink); }, {}, {}, {}});
         v.push_back({tag + "ksp", [&, key, kspKey] { return kspSign(ksp, kspKey, key->ecdsa, digest, sink); }, {}, {}, {}});
         v.push_back({tag + "libsign", [&, key] { return librarySign(*key, digest, sink); }, {}, {}, {}});
+        v.push_back({tag + "libhash", [&, key] { return libraryHashOnly(*key, data); }, {}, {}, {}});
         v.push_back({tag + "gcrypt", [&, key, gcryKey] { return gcryptSign(gcryKey, key->ecdsa, digest); }, {}, {}, {}});
     }
     v.push_back({"rsa rsaenh", [&] { return cryptoApiHashAndSign(rsaenh, data, sink); }, {}, {}, {}});
+    v.push_back({"keypairs", [&] { return libraryKeyPairList(rsa); }, {}, {}, {}});
+    v.push_back({"tokeninfo", [&] { return libraryTokenInfo(rsa); }, {}, {}, {}});
 
     // One pass at each level first, to confirm that the level reaches the log writer.
     long long before = providerLogSize();
@@ -402,11 +419,16 @@ void signingPhase(const TokenKey& rsa, const TokenKey& ec, int rounds, LogLevel&
             row(v, t + "acquire", "CryptoAPI acquire+sign+release", "", t + "capi0", "/ held context"),
             row(v, t + "ksp", "KSP SignHash, held key (digest given)", "", t + "libsign", "/ orvane_signHash alone"),
             row(v, t + "libsign", "orvane_signHash alone (digest given)", "", t + "gcrypt", "token sign / libgcrypt"),
+            row(v, t + "libhash", "orvane_initHash+updateHash+finalHash (1 KiB)"),
         };
         if (isRsa)
             rows.push_back(row(v, "rsa rsaenh", "Wine rsaenh held context (own 2048-bit key)", "rsa capi0",
                                "rsa rsaenh", "ours (log 0) / rsaenh"));
         rows.push_back(row(v, t + "gcrypt", isRsa ? "libgcrypt PKCS#1 sign (floor)" : "libgcrypt ECDSA sign (floor)"));
+        if (isRsa) {
+            rows.push_back(row(v, "keypairs", "orvane_getKeyPairList alone (2 key pairs)"));
+            rows.push_back(row(v, "tokeninfo", "orvane_getTokenInfo alone"));
+        }
         printTable(title, rows);
     }
 
