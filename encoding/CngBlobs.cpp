@@ -8,35 +8,40 @@ namespace {
 
 using orvane::appendLittleEndian32;
 using orvane::readLittleEndian32;
+using layouts::BcryptKeyDataBlobHeader;
+using layouts::BcryptRsaKeyBlob;
 
 // RSA-4096, the largest key the token holds.
 const size_t kLargestModulus = 512;
 
+uint32_t wordAt(const unsigned char* blob, size_t offset) { return readLittleEndian32(blob + offset); }
 
 }  // namespace
 
 BlobRefusal parseRsaPublicBlob(const unsigned char* blob, size_t length, RsaPublicKey& key) {
-    if (blob == nullptr || length < sizeof(RsaKeyBlobHeader) || readLittleEndian32(blob) != kRsaPublicMagic)
+    if (blob == nullptr || length < sizeof(BcryptRsaKeyBlob) ||
+        wordAt(blob, offsetof(BcryptRsaKeyBlob, Magic)) != layouts::kBcryptRsaPublicMagic)
         return BlobRefusal::kBadData;
-    RsaKeyBlobHeader header = {readLittleEndian32(blob), readLittleEndian32(blob + 4), readLittleEndian32(blob + 8),
-                               readLittleEndian32(blob + 12), readLittleEndian32(blob + 16),
-                               readLittleEndian32(blob + 20)};
+    uint32_t bitLength = wordAt(blob, offsetof(BcryptRsaKeyBlob, BitLength));
+    uint32_t exponentLength = wordAt(blob, offsetof(BcryptRsaKeyBlob, cbPublicExp));
+    uint32_t modulusLength = wordAt(blob, offsetof(BcryptRsaKeyBlob, cbModulus));
     // 64-bit sums: two words near 4 GB must not wrap round to a small total.
-    uint64_t needed = uint64_t{sizeof(RsaKeyBlobHeader)} + header.cbPublicExp + header.cbModulus;
-    if (needed > length || header.cbModulus > kLargestModulus) return BlobRefusal::kBadData;
-    const unsigned char* modulus = blob + sizeof(RsaKeyBlobHeader) + header.cbPublicExp;
-    key.modulus.assign(modulus, modulus + header.cbModulus);
-    key.bitLength = header.bitLength;
-    if (blobs::rsaKeyTypeForBits(header.bitLength) == 0) return BlobRefusal::kUnsupportedSize;
+    uint64_t needed = uint64_t{sizeof(BcryptRsaKeyBlob)} + exponentLength + modulusLength;
+    if (needed > length || modulusLength > kLargestModulus) return BlobRefusal::kBadData;
+    const unsigned char* modulus = blob + sizeof(BcryptRsaKeyBlob) + exponentLength;
+    key.modulus.assign(modulus, modulus + modulusLength);
+    key.bitLength = bitLength;
+    if (blobs::rsaKeyTypeForBits(bitLength) == 0) return BlobRefusal::kUnsupportedSize;
     return BlobRefusal::kNone;
 }
 
 BlobRefusal parseKeyDataBlob(const unsigned char* blob, size_t length, Bytes& keyBytes) {
-    if (blob == nullptr || length < sizeof(KeyDataBlobHeader) || readLittleEndian32(blob) != kKeyDataBlobMagic)
+    if (blob == nullptr || length < sizeof(BcryptKeyDataBlobHeader) ||
+        wordAt(blob, offsetof(BcryptKeyDataBlobHeader, dwMagic)) != layouts::kBcryptKeyDataBlobMagic)
         return BlobRefusal::kBadData;
-    uint32_t keyLength = readLittleEndian32(blob + 8);
-    if (uint64_t{sizeof(KeyDataBlobHeader)} + keyLength > length) return BlobRefusal::kBadData;
-    const unsigned char* key = blob + sizeof(KeyDataBlobHeader);
+    uint32_t keyLength = wordAt(blob, offsetof(BcryptKeyDataBlobHeader, cbKeyData));
+    if (uint64_t{sizeof(BcryptKeyDataBlobHeader)} + keyLength > length) return BlobRefusal::kBadData;
+    const unsigned char* key = blob + sizeof(BcryptKeyDataBlobHeader);
     keyBytes.assign(key, key + keyLength);
     return symmetricKeyTypeForLength(keyLength) == 0 ? BlobRefusal::kUnsupportedSize : BlobRefusal::kNone;
 }
@@ -52,8 +57,8 @@ int32_t symmetricKeyTypeForLength(size_t length) {
 
 Bytes encodeRsaPublicBlob(const unsigned char* modulus, size_t modulusLength) {
     Bytes blob;
-    blob.reserve(sizeof(RsaKeyBlobHeader) + 3 + modulusLength);
-    appendLittleEndian32(blob, kRsaPublicMagic);
+    blob.reserve(sizeof(BcryptRsaKeyBlob) + 3 + modulusLength);
+    appendLittleEndian32(blob, layouts::kBcryptRsaPublicMagic);
     appendLittleEndian32(blob, static_cast<uint32_t>(modulusLength * 8));
     appendLittleEndian32(blob, 3);
     appendLittleEndian32(blob, static_cast<uint32_t>(modulusLength));

@@ -1,39 +1,18 @@
 // CNG key blobs: reading what a caller hands to KSPImportKey and writing the public blobs that
 // KSPExportKey hands out, plus the reading of the padding flags. Pure functions over bytes (no
 // Win32, no logging), so they build on any host; the entry points log and map the refusals to
-// their status codes. The published layouts are declared here because windows.h is not used.
+// their status codes. The published layouts are in encoding/WindowsLayouts.h.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
+#include "encoding/WindowsLayouts.h"
+
 namespace orvane::cng {
 
 using Bytes = std::vector<unsigned char>;
-
-// BCRYPT_RSAKEY_BLOB: six little-endian words, then exponent and modulus, both big-endian.
-struct RsaKeyBlobHeader {
-    uint32_t magic;
-    uint32_t bitLength;
-    uint32_t cbPublicExp;
-    uint32_t cbModulus;
-    uint32_t cbPrime1;
-    uint32_t cbPrime2;
-};
-static_assert(sizeof(RsaKeyBlobHeader) == 24, "BCRYPT_RSAKEY_BLOB layout");
-
-// BCRYPT_KEY_DATA_BLOB_HEADER: three little-endian words, then the key bytes.
-struct KeyDataBlobHeader {
-    uint32_t magic;
-    uint32_t version;
-    uint32_t cbKeyData;
-};
-static_assert(sizeof(KeyDataBlobHeader) == 12, "BCRYPT_KEY_DATA_BLOB_HEADER layout");
-
-const uint32_t kRsaPublicMagic = 0x31415352;  // BCRYPT_RSAPUBLIC_MAGIC, "RSA1"
-const uint32_t kKeyDataBlobMagic = 0x4D42444B;  // BCRYPT_KEY_DATA_BLOB_MAGIC, "KDBM"
-const uint32_t kCalgRsaKeyx = 0xA400;
 
 // dwFlags bits of the encryption and signature entries.
 const uint32_t kPadPkcs1Flag = 0x2;  // BCRYPT_PAD_PKCS1

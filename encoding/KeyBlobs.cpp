@@ -10,41 +10,40 @@ namespace {
 using orvane::appendLittleEndian32;
 using orvane::readLittleEndian32;
 
-const size_t kRsaModulusOffset = 20;
-
 }  // namespace
 
 bool readBlobHeader(const unsigned char* blob, size_t length, BlobHeader& header) {
-    if (blob == nullptr || length < kBlobHeaderSize) return false;
-    header.type = blob[0];
-    header.version = blob[1];
-    header.algId = readLittleEndian32(blob + 4);
+    if (blob == nullptr || length < sizeof(layouts::BlobHeader)) return false;
+    header.type = blob[offsetof(layouts::BlobHeader, bType)];
+    header.version = blob[offsetof(layouts::BlobHeader, bVersion)];
+    header.algId = readLittleEndian32(blob + offsetof(layouts::BlobHeader, aiKeyAlg));
     return true;
 }
 
 ImportType classifyImportType(uint8_t type) {
     switch (type) {
-    case kSimpleBlob:
-    case kPublicKeyBlob:
-    case kPlaintextKeyBlob:
-    case kSymmetricWrapKeyBlob: return ImportType::kAccepted;
-    case kPrivateKeyBlob:
-    case kOpaqueKeyBlob: return ImportType::kNotImplemented;
+    case layouts::kSimpleBlob:
+    case layouts::kPublicKeyBlob:
+    case layouts::kPlaintextKeyBlob:
+    case layouts::kSymmetricWrapKeyBlob: return ImportType::kAccepted;
+    case layouts::kPrivateKeyBlob:
+    case layouts::kPublicKeyBlobEx: return ImportType::kNotImplemented;
     default: return ImportType::kUnsupported;
     }
 }
 
 RsaBlobRefusal parseRsaPublicKeyBlob(const unsigned char* blob, size_t length, RsaPublicKey& key) {
-    if (blob == nullptr || length < kRsaModulusOffset || readLittleEndian32(blob + 8) != kRsaPublicMagic)
+    if (blob == nullptr || length < layouts::kRsaPubKeyModulusOffset ||
+        readLittleEndian32(blob + layouts::kRsaPubKeyMagicOffset) != layouts::kRsa1Magic)
         return RsaBlobRefusal::kBadMagic;
-    key.bitLength = readLittleEndian32(blob + 12);
+    key.bitLength = readLittleEndian32(blob + layouts::kRsaPubKeyBitLengthOffset);
     size_t modulusLength = key.bitLength / 8;
-    if (modulusLength > length - kRsaModulusOffset) return RsaBlobRefusal::kModulusBeyondBlob;
-    uint32_t exponent = readLittleEndian32(blob + 16);
+    if (modulusLength > length - layouts::kRsaPubKeyModulusOffset) return RsaBlobRefusal::kModulusBeyondBlob;
+    uint32_t exponent = readLittleEndian32(blob + layouts::kRsaPubKeyExponentOffset);
     key.exponent[0] = static_cast<unsigned char>(exponent >> 16);
     key.exponent[1] = static_cast<unsigned char>(exponent >> 8);
     key.exponent[2] = static_cast<unsigned char>(exponent);
-    const unsigned char* littleEndian = blob + kRsaModulusOffset;
+    const unsigned char* littleEndian = blob + layouts::kRsaPubKeyModulusOffset;
     key.modulus.assign(littleEndian, littleEndian + modulusLength);
     for (size_t i = 0, j = modulusLength; i + 1 < j; ++i, --j) std::swap(key.modulus[i], key.modulus[j - 1]);
     if (rsaKeyTypeForBits(key.bitLength) == 0) return RsaBlobRefusal::kUnsupportedSize;
@@ -63,27 +62,28 @@ int32_t rsaKeyTypeForBits(uint32_t bits) {
 
 Bytes simpleBlobPayload(const unsigned char* blob, size_t length) {
     if (blob == nullptr || length <= kPayloadOffset) return Bytes();
-    return Bytes(blob + kPayloadOffset, blob + length);
+    return Bytes(blob + layouts::kSimpleBlobKeyOffset, blob + length);
 }
 
 Bytes symmetricWrapPayload(const unsigned char* blob, size_t length) {
     if (blob == nullptr || length <= kPayloadOffset) return Bytes();
-    return Bytes(blob + kBlobHeaderSize, blob + kBlobHeaderSize + (length - kPayloadOffset));
+    const unsigned char* wrapped = blob + layouts::kSymmetricWrapKeyOffset;
+    return Bytes(wrapped, wrapped + (length - kPayloadOffset));
 }
 
 int32_t sessionKeyTypeForAlgId(uint32_t algId) {
     switch (algId) {
-    case 0x6603: return 11;  // CALG_3DES
-    case 0x660E: return 8;   // CALG_AES_128
-    case 0x6610: return 10;  // CALG_AES_256
+    case layouts::kCalg3Des: return 11;
+    case layouts::kCalgAes128: return 8;
+    case layouts::kCalgAes256: return 10;
     default: return 0;
     }
 }
 
 Bytes encodeRsaPublicKeyBlob(uint32_t algId, const unsigned char* modulus, size_t modulusLength) {
-    Bytes blob = {kPublicKeyBlob, 2, 0, 0};
+    Bytes blob = {layouts::kPublicKeyBlob, layouts::kCurrentBlobVersion, 0, 0};
     appendLittleEndian32(blob, algId);
-    appendLittleEndian32(blob, kRsaPublicMagic);
+    appendLittleEndian32(blob, layouts::kRsa1Magic);
     appendLittleEndian32(blob, static_cast<uint32_t>(modulusLength * 8));
     appendLittleEndian32(blob, 65537);
     for (size_t i = modulusLength; i > 0; --i) blob.push_back(modulus[i - 1]);

@@ -8,24 +8,14 @@
 #include <cstdint>
 #include <vector>
 
+#include "encoding/WindowsLayouts.h"
+
 namespace orvane::blobs {
 
 using Bytes = std::vector<unsigned char>;
 
-// Published blob types (the BLOBHEADER's bType).
-enum : uint8_t {
-    kSimpleBlob = 1,
-    kPublicKeyBlob = 6,
-    kPrivateKeyBlob = 7,
-    kPlaintextKeyBlob = 8,
-    kOpaqueKeyBlob = 10,
-    kSymmetricWrapKeyBlob = 11,
-};
-
-const uint32_t kRsaPublicMagic = 0x31415352;  // "RSA1"
-const size_t kBlobHeaderSize = 8;
 // Every import payload is measured as the blob length less this.
-const size_t kPayloadOffset = 12;
+const size_t kPayloadOffset = layouts::kSimpleBlobKeyOffset;
 
 struct BlobHeader {
     uint8_t type = 0;
@@ -37,6 +27,8 @@ struct BlobHeader {
 bool readBlobHeader(const unsigned char* blob, size_t length, BlobHeader& header);
 
 // The types CPImportKey accepts: SIMPLEBLOB, PUBLICKEYBLOB, PLAINTEXTKEYBLOB, SYMMETRICWRAPKEYBLOB.
+// PRIVATEKEYBLOB and type 10 (PUBLICKEYBLOBEX) are answered as not implemented; every other
+// type, OPAQUEKEYBLOB (9) among them, as unsupported.
 enum class ImportType { kAccepted, kNotImplemented, kUnsupported };
 ImportType classifyImportType(uint8_t type);
 

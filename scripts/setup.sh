@@ -4,7 +4,10 @@
 set -eu
 
 packages="cmake ninja-build g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
-          libgcrypt-mingw-w64-dev nlohmann-json3-dev googletest wine wine64 xvfb xauth openssl"
+          g++-mingw-w64-i686-posix gcc-mingw-w64-i686-posix binutils-mingw-w64-i686
+          libgcrypt-mingw-w64-dev nlohmann-json3-dev googletest wine wine64 xvfb xauth openssl
+          clang libclang-rt-14-dev llvm python3
+          wixl msitools osslsigncode"
 
 missing=""
 for package in $packages; do

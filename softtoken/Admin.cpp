@@ -10,6 +10,7 @@
 #include "softtoken/Objects.h"
 #include "softtoken/Status.h"
 #include "softtoken/Store.h"
+#include "softtoken/StoreFormat.h"
 
 namespace softtoken::admin {
 namespace {

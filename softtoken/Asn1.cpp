@@ -146,8 +146,8 @@ bool parseSubjectPublicKeyInfo(const Bytes& der, PublicKeyInfo& info) {
         if (!next(algCursor, algorithm.end(), curveOid) || curveOid.tag != 0x06) return false;
         for (const Curve& curve : kCurves)
             if (curve.oid == curveOid.bytes()) info.keyType = curve.keyType;
-        info.point.assign(bitString.content + 1, bitString.end());
-        return info.keyType != 0 && !info.point.empty() && info.point[0] == 0x04;
+        info.point.assign(bitString.content + 1, bitString.end());  // at least one byte: see the BIT STRING check
+        return info.keyType != 0 && info.point[0] == 0x04;
     }
     return false;
 }

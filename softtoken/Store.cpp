@@ -6,125 +6,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <nlohmann/json.hpp>
 
-#include "encoding/Hex.h"
 #include "softtoken/Status.h"
+#include "softtoken/StoreFormat.h"
 
 namespace softtoken {
 namespace {
-
-// Ordered, so that the file reads in a sensible order (generation first).
-using json = nlohmann::ordered_json;
 
 const char kStatePrefix[] = "state-";
 const char kStateSuffix[] = ".json";
 const size_t kGenerationDigits = 20;
 const char kTemporaryFile[] = "\\state.tmp";
 const char kLegacyFile[] = "tokens.json";  // the single state file of earlier versions
-
-std::string bytesToText(const Bytes& bytes) { return orvane::toHex(bytes); }
-
-Bytes textToBytes(const json& value) {
-    Bytes bytes;
-    if (!value.is_string() || !orvane::parseHex(value.get<std::string>(), bytes))
-        throw std::runtime_error("bad hex field");
-    return bytes;
-}
-
-json textField(const std::string& text) {
-    if (isUtf8(text)) return text;
-    return json{{"hex", orvane::toHex(reinterpret_cast<const unsigned char*>(text.data()), text.size())}};
-}
-
-std::string readText(const json& value) {
-    if (value.is_string()) return value.get<std::string>();
-    Bytes bytes = textToBytes(value.at("hex"));
-    return std::string(bytes.begin(), bytes.end());
-}
-
-json toJson(const StoreState& state) {
-    json tokens = json::array();
-    for (const TokenRecord& token : state.tokens) {
-        json keyPairs = json::array();
-        for (const KeyPairRecord& k : token.keyPairs)
-            keyPairs.push_back({{"index", k.index}, {"keyId", bytesToText(k.keyId)}, {"label", textField(k.label)},
-                                {"usage", k.usage}, {"type", k.type}, {"flag", k.flag},
-                                {"certLinkId", bytesToText(k.certLinkId)}, {"publicKey", bytesToText(k.publicKey)},
-                                {"privateKey", k.privateKey}});
-        json certificates = json::array();
-        for (const CertificateRecord& c : token.certificates)
-            certificates.push_back({{"index", c.index}, {"der", bytesToText(c.der)},
-                                    {"certLinkId", bytesToText(c.certLinkId)}, {"label", textField(c.label)}});
-        json secretKeys = json::array();
-        for (const SecretKeyRecord& s : token.secretKeys)
-            secretKeys.push_back({{"index", s.index}, {"keyId", bytesToText(s.keyId)},
-                                  {"reference", bytesToText(s.reference)}, {"label", textField(s.label)},
-                                  {"type", s.type}, {"flag", s.flag}, {"value", bytesToText(s.value)}});
-        tokens.push_back({{"serial", textField(token.serial)}, {"label", textField(token.label)},
-                          {"pin", textField(token.pin)}, {"maxRetries", token.maxRetries},
-                          {"retriesLeft", token.retriesLeft}, {"loginState", token.loginState},
-                          {"ssoState", token.ssoState}, {"plugged", token.plugged}, {"nextIndex", token.nextIndex},
-                          {"keyPairs", keyPairs}, {"certificates", certificates}, {"secretKeys", secretKeys}});
-    }
-    json faults = json::object();
-    for (const auto& [operation, fault] : state.faults)
-        faults[operation] = {{"remaining", fault.remaining}, {"code", fault.code}};
-    return {{"generation", state.generation}, {"tokens", tokens}, {"faults", faults}};
-}
-
-StoreState fromJson(const json& document) {
-    StoreState state;
-    state.generation = document.at("generation").get<uint64_t>();
-    for (const json& t : document.at("tokens")) {
-        TokenRecord token;
-        token.serial = readText(t.at("serial"));
-        token.label = readText(t.at("label"));
-        token.pin = readText(t.at("pin"));
-        token.maxRetries = t.at("maxRetries").get<int>();
-        token.retriesLeft = t.at("retriesLeft").get<int>();
-        token.loginState = t.at("loginState").get<int>();
-        token.ssoState = t.at("ssoState").get<int>();
-        token.plugged = t.at("plugged").get<bool>();
-        token.nextIndex = t.at("nextIndex").get<int>();
-        for (const json& k : t.at("keyPairs")) {
-            KeyPairRecord key;
-            key.index = k.at("index").get<int>();
-            key.keyId = textToBytes(k.at("keyId"));
-            key.label = readText(k.at("label"));
-            key.usage = k.at("usage").get<int>();
-            key.type = k.at("type").get<int>();
-            key.flag = k.at("flag").get<int>();
-            key.certLinkId = textToBytes(k.at("certLinkId"));
-            key.publicKey = textToBytes(k.at("publicKey"));
-            key.privateKey = k.at("privateKey").get<std::string>();
-            token.keyPairs.push_back(std::move(key));
-        }
-        for (const json& c : t.at("certificates")) {
-            CertificateRecord certificate;
-            certificate.index = c.at("index").get<int>();
-            certificate.der = textToBytes(c.at("der"));
-            certificate.certLinkId = textToBytes(c.at("certLinkId"));
-            certificate.label = readText(c.at("label"));
-            token.certificates.push_back(std::move(certificate));
-        }
-        for (const json& s : t.at("secretKeys")) {
-            SecretKeyRecord secret;
-            secret.index = s.at("index").get<int>();
-            secret.keyId = textToBytes(s.at("keyId"));
-            secret.reference = textToBytes(s.at("reference"));
-            secret.label = readText(s.at("label"));
-            secret.type = s.at("type").get<int>();
-            secret.flag = s.at("flag").get<bool>();
-            secret.value = textToBytes(s.at("value"));
-            token.secretKeys.push_back(std::move(secret));
-        }
-        state.tokens.push_back(std::move(token));
-    }
-    for (const auto& [operation, f] : document.at("faults").items())
-        state.faults[operation] = FaultRecord{f.at("remaining").get<int>(), f.at("code").get<int>()};
-    return state;
-}
 
 bool createFolders(const std::string& path) {
     for (size_t i = 0; i <= path.size(); ++i) {
@@ -396,18 +289,17 @@ bool loadCurrent(const std::string& folder, Snapshot& out) {
             std::string content;
             ReadResult read = readWhole(folder + "\\" + newest.name, content);
             if (read == ReadResult::kGone) continue;
-            try {
-                if (read != ReadResult::kOk) throw std::runtime_error("read failed");
-                StoreState parsed = fromJson(json::parse(content));
-                // The name orders the files, so it is what the next commit must go past.
-                if (isStateName(newest.name))
-                    parsed.generation = std::strtoull(newest.name.c_str() + sizeof kStatePrefix - 1, nullptr, 10);
-                state = std::make_shared<const StoreState>(std::move(parsed));
-            } catch (const std::exception& error) {
+            StoreState parsed;
+            std::string reason = "read failed";
+            if (read != ReadResult::kOk || !parseStoreText(content, parsed, reason)) {
                 std::fprintf(stderr, "soft token: store %s is unreadable (%s): %s\n", folder.c_str(),
-                             newest.name.c_str(), error.what());
+                             newest.name.c_str(), reason.c_str());
                 return false;
             }
+            // The name orders the files, so it is what the next commit must go past.
+            if (isStateName(newest.name))
+                parsed.generation = std::strtoull(newest.name.c_str() + sizeof kStatePrefix - 1, nullptr, 10);
+            state = std::make_shared<const StoreState>(std::move(parsed));
         }
         std::lock_guard<std::mutex> guard(c.mutex);
         // A slower reader must not put back an older state than one already cached; a state
@@ -426,38 +318,6 @@ bool loadCurrent(const std::string& folder, Snapshot& out) {
 }
 
 }  // namespace
-
-bool isUtf8(const std::string& text) {
-    const unsigned char* s = reinterpret_cast<const unsigned char*>(text.data());
-    size_t n = text.size();
-    for (size_t i = 0; i < n;) {
-        unsigned char c = s[i];
-        size_t extra;
-        unsigned char low = 0x80, high = 0xBF;  // range of the second byte
-        if (c < 0x80) {
-            ++i;
-            continue;
-        } else if (c >= 0xC2 && c <= 0xDF) {
-            extra = 1;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            extra = 2;
-            if (c == 0xE0) low = 0xA0;   // no overlong forms
-            if (c == 0xED) high = 0x9F;  // no surrogates
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            extra = 3;
-            if (c == 0xF0) low = 0x90;
-            if (c == 0xF4) high = 0x8F;  // nothing above U+10FFFF
-        } else {
-            return false;
-        }
-        if (i + extra >= n) return false;
-        if (s[i + 1] < low || s[i + 1] > high) return false;
-        for (size_t k = 2; k <= extra; ++k)
-            if (s[i + k] < 0x80 || s[i + k] > 0xBF) return false;
-        i += extra + 1;
-    }
-    return true;
-}
 
 TokenRecord* StoreState::find(const std::string& serial) {
     for (TokenRecord& token : tokens)
@@ -510,7 +370,7 @@ int updateStore(const std::function<int(StoreState&)>& mutate) {
     if (result != kOk) return result;
     next.generation = committed->generation + 1;
     Snapshot written = std::make_shared<const StoreState>(std::move(next));
-    if (!commit(folder, written->generation, toJson(*written).dump(1))) return kStoreError;
+    if (!commit(folder, written->generation, formatStoreText(*written))) return kStoreError;
 
     // Older generations are only history now; one still open in a reader goes when it closes.
     Newest newest;

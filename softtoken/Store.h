@@ -85,10 +85,6 @@ struct StoreState {
     const TokenRecord* connected(const char* serial) const;
 };
 
-// Caller-supplied text (labels, serials, PINs) may be in any code page; JSON needs UTF-8, so
-// text that is not UTF-8 is stored as its bytes in hex and still comes back byte for byte.
-bool isUtf8(const std::string& text);
-
 // The folder named by ORVANE_TOKEN_STORE, else %ProgramData%\Orvane\SoftToken.
 std::string storeFolder();
 

@@ -2,6 +2,7 @@
 // CPImportKey (RSA public keys, session keys encrypted to a token key, plaintext AES keys
 // and AES keys wrapped under a token KEK). The blob reading itself is in encoding/KeyBlobs.
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -11,6 +12,7 @@
 #include "encoding/Der.h"
 #include "encoding/Hex.h"
 #include "encoding/KeyBlobs.h"
+#include "encoding/WindowsLayouts.h"
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
 #include "provider/csp/CspKey.h"
@@ -25,6 +27,24 @@ using namespace orvane::csp;
 namespace blobs = orvane::blobs;
 
 namespace {
+
+// The blob readers' own declarations of the published layouts agree with the SDK's.
+static_assert(sizeof(layouts::BlobHeader) == sizeof(BLOBHEADER) &&
+                  offsetof(layouts::BlobHeader, aiKeyAlg) == offsetof(BLOBHEADER, aiKeyAlg),
+              "BLOBHEADER");
+static_assert(sizeof(layouts::RsaPubKey) == sizeof(RSAPUBKEY) &&
+                  offsetof(layouts::RsaPubKey, bitlen) == offsetof(RSAPUBKEY, bitlen) &&
+                  offsetof(layouts::RsaPubKey, pubexp) == offsetof(RSAPUBKEY, pubexp),
+              "RSAPUBKEY");
+static_assert(layouts::kSimpleBlob == SIMPLEBLOB && layouts::kPublicKeyBlob == PUBLICKEYBLOB &&
+                  layouts::kPrivateKeyBlob == PRIVATEKEYBLOB && layouts::kPlaintextKeyBlob == PLAINTEXTKEYBLOB &&
+                  layouts::kOpaqueKeyBlob == OPAQUEKEYBLOB && layouts::kPublicKeyBlobEx == PUBLICKEYBLOBEX &&
+                  layouts::kSymmetricWrapKeyBlob == SYMMETRICWRAPKEYBLOB &&
+                  layouts::kCurrentBlobVersion == CUR_BLOB_VERSION,
+              "blob types");
+static_assert(layouts::kCalgRsaKeyx == CALG_RSA_KEYX && layouts::kCalg3Des == CALG_3DES &&
+                  layouts::kCalgAes128 == CALG_AES_128 && layouts::kCalgAes256 == CALG_AES_256,
+              "ALG_IDs");
 
 const int32_t kExportableKeyType = ORVANE_KEY_RSA_2048;  // only RSA-2048 public keys are handed out
 
@@ -235,9 +255,9 @@ BOOL WINAPI CPImportKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD dwDataLen, H
         case blobs::ImportType::kAccepted: break;
         }
         switch (header.type) {
-        case blobs::kPublicKeyBlob: return importPublicKey(pbData, dwDataLen, phKey);
-        case blobs::kSimpleBlob: return importSessionKey(*context, header, pbData, dwDataLen, hPubKey, phKey);
-        case blobs::kPlaintextKeyBlob: return importPlaintextKey(*context, header, pbData, dwDataLen, phKey);
+        case layouts::kPublicKeyBlob: return importPublicKey(pbData, dwDataLen, phKey);
+        case layouts::kSimpleBlob: return importSessionKey(*context, header, pbData, dwDataLen, hPubKey, phKey);
+        case layouts::kPlaintextKeyBlob: return importPlaintextKey(*context, header, pbData, dwDataLen, phKey);
         default: return importWrappedKey(*context, header, pbData, dwDataLen, phKey);
         }
     });

@@ -2,6 +2,7 @@
 // (kept in the key object), an AES key in clear or wrapped under a token AES key (stored on
 // the token), or a key encrypted under a token key pair (decrypted on the token, kept here).
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -12,6 +13,7 @@
 #include "encoding/Der.h"
 #include "encoding/Hex.h"
 #include "encoding/KeyBlobs.h"
+#include "encoding/WindowsLayouts.h"
 #include "provider/ksp/KspEntries.h"
 #include "provider/ksp/KspObjects.h"
 #include "provider/ksp/KspResult.h"
@@ -23,6 +25,18 @@
 
 namespace orvane::ksp {
 namespace {
+
+// The blob readers' own declarations of the published layouts agree with the SDK's.
+static_assert(sizeof(layouts::BcryptRsaKeyBlob) == sizeof(BCRYPT_RSAKEY_BLOB) &&
+                  offsetof(layouts::BcryptRsaKeyBlob, cbModulus) == offsetof(BCRYPT_RSAKEY_BLOB, cbModulus),
+              "BCRYPT_RSAKEY_BLOB");
+static_assert(sizeof(layouts::BcryptKeyDataBlobHeader) == sizeof(BCRYPT_KEY_DATA_BLOB_HEADER) &&
+                  offsetof(layouts::BcryptKeyDataBlobHeader, cbKeyData) ==
+                      offsetof(BCRYPT_KEY_DATA_BLOB_HEADER, cbKeyData),
+              "BCRYPT_KEY_DATA_BLOB_HEADER");
+static_assert(layouts::kBcryptRsaPublicMagic == BCRYPT_RSAPUBLIC_MAGIC &&
+                  layouts::kBcryptKeyDataBlobMagic == BCRYPT_KEY_DATA_BLOB_MAGIC,
+              "magic numbers");
 
 struct KeyRelease {
     void operator()(KspKey* key) const { releaseKey(key); }
@@ -230,7 +244,7 @@ SECURITY_STATUS WINAPI KSPExportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HAN
 
         // The stored bytes are taken as the modulus whatever form they have.
         size_t modulusLength = std::min<size_t>(key->pair.publicKeyLength, sizeof key->pair.publicKey);
-        Bytes blob = capi ? blobs::encodeRsaPublicKeyBlob(cng::kCalgRsaKeyx, key->pair.publicKey, modulusLength)
+        Bytes blob = capi ? blobs::encodeRsaPublicKeyBlob(layouts::kCalgRsaKeyx, key->pair.publicKey, modulusLength)
                           : cng::encodeRsaPublicBlob(key->pair.publicKey, modulusLength);
         SECURITY_STATUS status = copyPropertyValue(blob.data(), static_cast<DWORD>(blob.size()), pbOutput, cbOutput, pcbResult);
         if (status == ERROR_SUCCESS && pbOutput != nullptr && !capi)

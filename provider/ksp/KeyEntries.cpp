@@ -6,7 +6,9 @@
 
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "diagnostics/Utils.h"
@@ -55,6 +57,16 @@ DWORD legacyKeySpecOf(uint32_t usage) {
     return 0;
 }
 
+// The key-name records handed out and not yet given back to KSPFreeBuffer.
+std::mutex keyNamesMutex;
+std::unordered_set<const void*> keyNamesHandedOut;
+
+void releaseKeyNameBlocks(NCryptKeyName* record, wchar_t* name, wchar_t* algorithm) {
+    releaseForCaller(record);
+    releaseForCaller(name);
+    releaseForCaller(algorithm);
+}
+
 // The record and its two strings are separate blocks, as NCrypt callers expect; null when
 // any of them could not be had.
 NCryptKeyName* keyNameForCaller(const OrvaneKeyPair& keyPair) {
@@ -63,10 +75,15 @@ NCryptKeyName* keyNameForCaller(const OrvaneKeyPair& keyPair) {
     wchar_t* wideName = wideForCaller(std::wstring(name.begin(), name.end()));
     wchar_t* algorithm = wideForCaller(cngAlgorithmName(keyPair.keyType));
     if (record == nullptr || wideName == nullptr || algorithm == nullptr) {
-        releaseForCaller(record);
-        releaseForCaller(wideName);
-        releaseForCaller(algorithm);
+        releaseKeyNameBlocks(record, wideName, algorithm);
         return nullptr;
+    }
+    try {
+        std::lock_guard<std::mutex> guard(keyNamesMutex);
+        keyNamesHandedOut.insert(record);
+    } catch (...) {
+        releaseKeyNameBlocks(record, wideName, algorithm);
+        throw;
     }
     record->pszName = wideName;
     record->pszAlgid = algorithm;
@@ -249,6 +266,16 @@ SECURITY_STATUS WINAPI KSPFreeKey(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE hKey) {
         if (key != nullptr) releaseKey(key);
         return ERROR_SUCCESS;
     });
+}
+
+bool releaseKeyNameForCaller(void* buffer) {
+    {
+        std::lock_guard<std::mutex> guard(keyNamesMutex);
+        if (keyNamesHandedOut.erase(buffer) == 0) return false;
+    }
+    NCryptKeyName* record = static_cast<NCryptKeyName*>(buffer);
+    releaseKeyNameBlocks(record, record->pszName, record->pszAlgid);
+    return true;
 }
 
 SECURITY_STATUS WINAPI KSPEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR, NCryptKeyName** ppKeyName,

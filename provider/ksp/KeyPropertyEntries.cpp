@@ -1,5 +1,6 @@
 // Key properties: KSPGetKeyProperty and KSPSetKeyProperty. Every value leaves through
-// copyPropertyValue; values that callers hand in are read by the pure functions below.
+// copyPropertyValue; values that callers hand in are read by the pure functions of
+// encoding/ProviderPropertyValues.
 #include <cstdint>
 #include <cstring>
 #include <cwchar>
@@ -26,8 +27,6 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 
 const DWORD kAllowExport = 0x1;     // NCRYPT_ALLOW_EXPORT_FLAG
-const DWORD kAllowDecrypt = 0x1;    // NCRYPT_ALLOW_DECRYPT_FLAG
-const DWORD kAllowSigning = 0x2;    // NCRYPT_ALLOW_SIGNING_FLAG
 const DWORD kSupportedLengths[4] = {1024, 4096, 1024, 2048};  // NCRYPT_SUPPORTED_LENGTHS: min, max, step, default
 
 bool isProperty(LPCWSTR property, const wchar_t* name) { return std::wcscmp(property, name) == 0; }
@@ -48,55 +47,9 @@ Bytes plainValue(const Value& value) {
 // Token usage code to the published key usage flags.
 DWORD keyUsageFlags(uint32_t usage) {
     switch (usage) {
-    case 1: return kAllowSigning;
-    case 2: return kAllowDecrypt;
-    case 3: return kAllowSigning | kAllowDecrypt;
-    default: return 0;
-    }
-}
-
-// --- Values callers hand in. Pure: bytes in, value out. ---
-
-// "Length" and "Key Usage": the first 32-bit word; false when fewer than four bytes came.
-bool readDword(const unsigned char* value, size_t length, uint32_t& word) {
-    if (value == nullptr || length < 4) return false;
-    std::memcpy(&word, value, 4);
-    return true;
-}
-
-// Signing wins over decryption alone; both give 3; neither leaves the usage as it was.
-uint32_t usageFromKeyUsageFlags(uint32_t flags, uint32_t current) {
-    uint32_t usage = current;
-    if (flags & kAllowSigning)
-        usage = 1;
-    else if (flags & kAllowDecrypt)
-        usage = 2;
-    if ((flags & kAllowSigning) && (flags & kAllowDecrypt)) usage = 3;
-    return usage;
-}
-
-enum class ChainingMode { kCbc, kEcb, kUnsupported };
-
-// A wide string up to its terminator, never read past the stated length.
-ChainingMode chainingModeFromValue(const unsigned char* value, size_t length) {
-    std::wstring text;
-    for (size_t i = 0; i + 1 < length; i += 2) {
-        wchar_t unit = static_cast<wchar_t>(value[i] | (value[i + 1] << 8));
-        if (unit == L'\0') break;
-        text.push_back(unit);
-    }
-    if (text == L"ChainingModeCBC") return ChainingMode::kCbc;
-    if (text == L"ChainingModeECB") return ChainingMode::kEcb;
-    return ChainingMode::kUnsupported;
-}
-
-// The IV size a symmetric key of this length takes; 0 when any size is accepted. Triple DES
-// (24 bytes) takes its 8-byte block.
-size_t expectedIvSize(uint32_t symmetricKeyLength) {
-    switch (symmetricKeyLength) {
-    case 16:
-    case 32: return 16;
-    case 24: return 8;
+    case 1: return properties::kAllowSigningFlag;
+    case 2: return properties::kAllowDecryptFlag;
+    case 3: return properties::kAllowSigningFlag | properties::kAllowDecryptFlag;
     default: return 0;
     }
 }
@@ -150,7 +103,7 @@ SECURITY_STATUS setIv(const KspKey& key, PBYTE pbInput, DWORD cbInput) {
         Utils::logMessage("KSP: IV cleared");
         return ERROR_SUCCESS;
     }
-    size_t expected = expectedIvSize(key.symmetricKeyLength);
+    size_t expected = properties::expectedIvSize(key.symmetricKeyLength);
     if (expected != 0 && cbInput != expected) {
         Utils::logError("KSP: IV size mismatch: got " + std::to_string(cbInput) + ", expected " +
                         std::to_string(expected));
@@ -163,12 +116,12 @@ SECURITY_STATUS setIv(const KspKey& key, PBYTE pbInput, DWORD cbInput) {
 
 SECURITY_STATUS setChainingMode(KspKey& key, PBYTE pbInput, DWORD cbInput) {
     if (pbInput == nullptr || cbInput == 0) return ERROR_SUCCESS;
-    switch (chainingModeFromValue(pbInput, cbInput)) {
-    case ChainingMode::kCbc:
+    switch (properties::chainingModeFromPropertyValue(pbInput, cbInput)) {
+    case properties::ChainingMode::kCbc:
         key.chainingMode = 0;
         Utils::logMessage("KSP: Chaining mode set to CBC");
         return ERROR_SUCCESS;
-    case ChainingMode::kEcb:
+    case properties::ChainingMode::kEcb:
         key.chainingMode = 1;
         Utils::logMessage("KSP: Chaining mode set to ECB");
         return ERROR_SUCCESS;
@@ -232,14 +185,15 @@ SECURITY_STATUS WINAPI KSPSetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KE
         if (isProperty(pszProperty, L"HWND Handle")) return ERROR_SUCCESS;
         if (isProperty(pszProperty, L"Length")) {
             // No range check: KSPFinalizeKey decides what is generated.
-            if (readDword(pbInput, cbInput, word)) {
+            if (properties::dwordFromPropertyValue(pbInput, cbInput, word)) {
                 key->pair.bitLength = word;
                 Utils::logMessage("KSP: Key length set to " + std::to_string(word));
             }
             return ERROR_SUCCESS;
         }
         if (isProperty(pszProperty, L"Key Usage")) {
-            if (readDword(pbInput, cbInput, word)) key->pair.usage = usageFromKeyUsageFlags(word, key->pair.usage);
+            if (properties::dwordFromPropertyValue(pbInput, cbInput, word))
+                key->pair.usage = properties::usageFromKeyUsageFlags(word, key->pair.usage);
             return ERROR_SUCCESS;
         }
         if (isProperty(pszProperty, L"ChainingMode")) return setChainingMode(*key, pbInput, cbInput);

@@ -109,9 +109,9 @@ struct NCRYPT_KEY_STORAGE_FUNCTION_TABLE {
     NCryptFreeSecretFn FreeSecret;
 };
 
-// The module's one export for CNG: the router asks it for the table.
-__declspec(dllexport) NTSTATUS WINAPI GetKeyStorageInterface(LPCWSTR pszProviderName,
-                                                             NCRYPT_KEY_STORAGE_FUNCTION_TABLE** ppFunctionTable,
-                                                             DWORD dwFlags);
+// The module's one export for CNG: the router asks it for the table. Exported by its plain
+// name through resources/OrvaneCSP.def (a dllexport would add "GetKeyStorageInterface@12" on x86).
+NTSTATUS WINAPI GetKeyStorageInterface(LPCWSTR pszProviderName, NCRYPT_KEY_STORAGE_FUNCTION_TABLE** ppFunctionTable,
+                                       DWORD dwFlags);
 
 }  // extern "C"

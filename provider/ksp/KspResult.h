@@ -48,4 +48,8 @@ inline void releaseForCaller(void* buffer) {
     if (buffer != nullptr) HeapFree(GetProcessHeap(), 0, buffer);
 }
 
+// KSPEnumKeys hands out each key-name record and its two strings as separate blocks, and the
+// caller frees only the record: true when buffer was such a record, now released with them.
+bool releaseKeyNameForCaller(void* buffer);
+
 }  // namespace orvane::ksp

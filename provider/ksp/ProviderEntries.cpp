@@ -118,7 +118,7 @@ SECURITY_STATUS WINAPI KSPSetProviderProperty(NCRYPT_PROV_HANDLE hProvider, LPCW
 
 SECURITY_STATUS WINAPI KSPFreeBuffer(PVOID pvInput) {
     return guardEntry("KSPFreeBuffer", [&]() -> SECURITY_STATUS {
-        releaseForCaller(pvInput);
+        if (!releaseKeyNameForCaller(pvInput)) releaseForCaller(pvInput);
         return ERROR_SUCCESS;
     });
 }

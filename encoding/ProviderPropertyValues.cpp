@@ -1,0 +1,58 @@
+#include "encoding/ProviderPropertyValues.h"
+
+#include "encoding/ByteOrder.h"
+
+namespace orvane::properties {
+
+std::string pinFromPropertyValue(const unsigned char* value, size_t length) {
+    std::string pin;
+    if (value == nullptr) return pin;
+    for (size_t i = 0; i < length && value[i] != 0; ++i) pin.push_back(static_cast<char>(value[i]));
+    return pin;
+}
+
+uint64_t windowHandleFromPropertyValue(const unsigned char* value, size_t length) {
+    if (value == nullptr || length < kWindowHandleValueSize) return 0;
+    uint64_t handle = 0;
+    for (size_t i = kWindowHandleValueSize; i-- > 0;) handle = (handle << 8) | value[i];
+    return handle;
+}
+
+bool dwordFromPropertyValue(const unsigned char* value, size_t length, uint32_t& word) {
+    if (value == nullptr || length < 4) return false;
+    word = readLittleEndian32(value);
+    return true;
+}
+
+uint32_t usageFromKeyUsageFlags(uint32_t flags, uint32_t current) {
+    bool signing = (flags & kAllowSigningFlag) != 0;
+    bool decryption = (flags & kAllowDecryptFlag) != 0;
+    if (signing && decryption) return 3;
+    if (signing) return 1;
+    if (decryption) return 2;
+    return current;
+}
+
+ChainingMode chainingModeFromPropertyValue(const unsigned char* value, size_t length) {
+    if (value == nullptr) return ChainingMode::kUnsupported;
+    std::u16string text;
+    for (size_t i = 0; i + 1 < length; i += 2) {
+        char16_t unit = static_cast<char16_t>(value[i] | (value[i + 1] << 8));
+        if (unit == u'\0') break;
+        text.push_back(unit);
+    }
+    if (text == u"ChainingModeCBC") return ChainingMode::kCbc;
+    if (text == u"ChainingModeECB") return ChainingMode::kEcb;
+    return ChainingMode::kUnsupported;
+}
+
+size_t expectedIvSize(uint32_t symmetricKeyLength) {
+    switch (symmetricKeyLength) {
+    case 16:
+    case 32: return 16;
+    case 24: return 8;
+    default: return 0;
+    }
+}
+
+}  // namespace orvane::properties

@@ -1,0 +1,183 @@
+// Thousands of the open/close cycles a long-running host makes: loading and freeing the
+// provider, CryptAcquireContext/CryptReleaseContext, and the key storage provider's provider
+// and key objects. Once warm, the process must hold no more handles or threads than before
+// and its heaps no more live bytes (below 1 KiB per 1000 cycles). Wine's own rsaenh, cycled
+// the same way, shows what Wine itself keeps.
+//
+// ORVANE_GROWTH_CYCLES sets the number of cycles (default 1000; 20000 with
+// ORVANE_RELIABILITY_LONG=1).
+#include <windows.h>
+#include <wincrypt.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <vector>
+
+#include "softtoken/SoftTokenAdmin.h"
+#include "tests/reliability/ProcessFigures.h"
+#include "tests/support/KspHarness.h"
+#include "tests/support/ProviderSupport.h"
+#include "tests/support/TestSupport.h"
+#include "token/OrvaneDSCLibrary.h"
+
+using namespace orvanetest;
+namespace admin = softtoken::admin;
+
+namespace {
+
+const char kSerial[] = "GROWTH-1";
+const long long kSamples = 5;
+const double kHeapBytesPer1000 = 1024;
+
+long long cycleCount() { return environmentNumber("ORVANE_GROWTH_CYCLES", longForm() ? 20000 : 1000); }
+
+struct Growth {
+    long long cycles = 0;
+    ProcessFigures first, last;
+    std::vector<long long> heapSamples;
+
+    double per1000(long long ProcessFigures::*figure) const {
+        return static_cast<double>(last.*figure - first.*figure) * 1000.0 / static_cast<double>(cycles);
+    }
+    // The live-heap figure least disturbed by a block that happens to be cached at one sample:
+    // the smallest of the later half of the samples, against the first.
+    double heapPer1000() const {
+        long long settled = *std::min_element(heapSamples.begin() + heapSamples.size() / 2, heapSamples.end());
+        return static_cast<double>(settled - heapSamples.front()) * 1000.0 / static_cast<double>(cycles);
+    }
+};
+
+// A process has 1088 TLS slots; a cycle that takes one for good aborts the process once they
+// are gone. Such a cycle is measured only as far as leaves this many for the rest of the run.
+const long long kTlsSlots = 1088;
+const long long kTlsSlotsToKeep = 400;
+
+// Runs a warm-up, then `cycles` cycles in kSamples slices, measuring after each slice.
+Growth measureCycles(const char* name, long long cycles, const std::function<void()>& cycle) {
+    // The second half of the warm-up tells whether every cycle takes a TLS slot.
+    long long warmUp = std::max<long long>(50, cycles / 20);
+    for (long long i = 0; i < warmUp; ++i) cycle();
+    long long slotsBefore = measureProcess().tlsSlots;
+    for (long long i = 0; i < warmUp; ++i) cycle();
+    Growth growth;
+    growth.first = measureProcess();
+    long long slotsTaken = growth.first.tlsSlots - slotsBefore;
+    if (slotsTaken > 0) {
+        long long perCycle = (slotsTaken + warmUp - 1) / warmUp;
+        long long affordable = (kTlsSlots - kTlsSlotsToKeep - growth.first.tlsSlots) / perCycle;
+        if (affordable < cycles) {
+            std::printf("[growth] %s takes TLS slots for good (%lld in %lld cycles): measuring %lld cycles only\n",
+                        name, slotsTaken, warmUp, std::max(0LL, affordable));
+            cycles = std::max(kSamples, affordable / kSamples * kSamples);
+        }
+    }
+    growth.cycles = cycles;
+    growth.heapSamples.push_back(growth.first.heapBytes);
+    for (long long slice = 1; slice <= kSamples; ++slice) {
+        for (long long i = 0; i < cycles / kSamples; ++i) cycle();
+        growth.last = measureProcess();
+        growth.heapSamples.push_back(growth.last.heapBytes);
+    }
+    std::printf(
+        "[growth] %-34s %lld cycles: per 1000 cycles handles %+.1f, threads %+.1f, TLS slots %+.1f, heap %+.0f B, "
+        "private %+.0f B (now %lld handles, %lld threads; heap samples",
+        name, cycles, growth.per1000(&ProcessFigures::handles), growth.per1000(&ProcessFigures::threads),
+        growth.per1000(&ProcessFigures::tlsSlots), growth.heapPer1000(), growth.per1000(&ProcessFigures::privateBytes),
+        growth.last.handles, growth.last.threads);
+    for (long long sample : growth.heapSamples) std::printf(" %lld", sample);
+    std::printf(")\n");
+    std::fflush(stdout);
+    return growth;
+}
+
+// Nothing kept, or no more than Wine keeps in the control cycle where there is one.
+void expectNoGrowth(const Growth& ours, const Growth* control = nullptr) {
+    long long handles = control ? std::max(0LL, control->last.handles - control->first.handles) : 0;
+    long long threads = control ? std::max(0LL, control->last.threads - control->first.threads) : 0;
+    double heap = control ? std::max(0.0, control->heapPer1000()) : 0.0;
+    EXPECT_LE(ours.last.handles - ours.first.handles, handles);
+    EXPECT_LE(ours.last.threads - ours.first.threads, threads);
+    EXPECT_EQ(ours.first.tlsSlots, ours.last.tlsSlots) << "TLS slots taken for good";
+    EXPECT_LT(ours.heapPer1000(), heap + kHeapBytesPer1000);
+}
+
+class GrowthTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        useFreshStore("growth");
+        ASSERT_EQ(0, admin::createToken(kSerial, "Growth", "1234", 5));
+        ASSERT_EQ(0, admin::setSignOn(kSerial, 1, 1));
+        ASSERT_EQ(0, admin::generateKeyPair(kSerial, ORVANE_KEY_EC_P256, "growth", 3, 0, keyId_));
+    }
+    static std::string keyId_;
+};
+
+std::string GrowthTest::keyId_;
+
+// First in this file, so that the provider is loaded here for the first time. A module that
+// really unloads at FreeLibrary must give back all it took; one that stays loaded must take
+// nothing more on each LoadLibrary.
+TEST_F(GrowthTest, LoadingAndFreeingTheProviderKeepsNothing) {
+    long long cycles = cycleCount();
+    bool unloads = false;
+    Growth ours = measureCycles("LoadLibrary/FreeLibrary OrvaneCSP", cycles, [&] {
+        HMODULE module = LoadLibraryA("OrvaneCSP.dll");
+        ASSERT_NE(nullptr, module);
+        using GetInterface = LONG(WINAPI*)(LPCWSTR, void**, DWORD);
+        auto getInterface =
+            reinterpret_cast<GetInterface>(reinterpret_cast<void*>(GetProcAddress(module, "GetKeyStorageInterface")));
+        void* table = nullptr;
+        ASSERT_NE(nullptr, getInterface);
+        EXPECT_EQ(0, getInterface(L"Orvane Cryptographic Provider CSP", &table, 0));
+        FreeLibrary(module);
+        unloads = GetModuleHandleA("OrvaneCSP.dll") == nullptr;
+    });
+    std::printf("[growth] FreeLibrary %s\n", unloads ? "unloads the provider" : "leaves the provider loaded");
+    Growth control = measureCycles("LoadLibrary/FreeLibrary rsaenh", cycles, [] {
+        HMODULE module = LoadLibraryA("rsaenh.dll");
+        ASSERT_NE(nullptr, module);
+        FreeLibrary(module);
+    });
+    expectNoGrowth(ours, &control);
+}
+
+TEST_F(GrowthTest, AcquiringAndReleasingContextsKeepsNothing) {
+    long long cycles = cycleCount();
+    auto cycleOf = [](const char* container, const char* provider, DWORD type, DWORD flags) {
+        return [=] {
+            HCRYPTPROV handle = 0;
+            ASSERT_TRUE(CryptAcquireContextA(&handle, container, provider, type, flags)) << std::hex << GetLastError();
+            ASSERT_TRUE(CryptReleaseContext(handle, 0));
+        };
+    };
+    Growth control = measureCycles("CryptAcquireContext rsaenh", cycles,
+                                   cycleOf(nullptr, MS_ENHANCED_PROV_A, PROV_RSA_FULL, CRYPT_VERIFYCONTEXT));
+    Growth ours = measureCycles("CryptAcquireContext OrvaneCSP", cycles,
+                                cycleOf(keyId_.c_str(), kProviderName, PROV_RSA_FULL, 0));
+    expectNoGrowth(ours, &control);
+}
+
+TEST_F(GrowthTest, OpeningAndFreeingKeyStorageProvidersAndKeysKeepsNothing) {
+    long long cycles = cycleCount();
+    Growth providers = measureCycles("KSP OpenProvider/FreeProvider", cycles, [] {
+        NCRYPT_PROV_HANDLE provider = 0;
+        ASSERT_EQ(0, ksp().OpenProvider(&provider, L"Orvane Cryptographic Provider CSP", 0));
+        ASSERT_EQ(0, ksp().FreeProvider(provider));
+    });
+    expectNoGrowth(providers);
+
+    KspProviderHandle provider;
+    ASSERT_EQ(0, provider.status());
+    std::wstring name = widen(keyId_);
+    Growth keys = measureCycles("KSP OpenKey/FreeKey", cycles, [&] {
+        NCRYPT_KEY_HANDLE key = 0;
+        ASSERT_EQ(0, ksp().OpenKey(provider.get(), &key, name.c_str(), 0, 0));
+        ASSERT_EQ(0, ksp().FreeKey(provider.get(), key));
+    });
+    expectNoGrowth(keys);
+}
+
+}  // namespace
