@@ -83,7 +83,7 @@ bool ensurePinValidatedCsp(const std::string& serial, void* libraryContext) {
     return true;
 }
 
-bool ensurePinValidatedKsp(const std::string& serial, void* libraryContext) {
+bool ensurePinValidatedKsp(const std::string& serial, void* libraryContext, bool mayPrompt) {
     if (isPinValidated(serial) && !getCachedPin(serial).empty()) {
         Utils::logMessage("KSP: PIN already validated");
         return true;
@@ -94,7 +94,7 @@ bool ensurePinValidatedKsp(const std::string& serial, void* libraryContext) {
         return true;
     }
     std::string pin;
-    if (!promptUntilAccepted(serial, libraryContext, kKspPromptTexts, pin)) return false;
+    if (!mayPrompt || !promptUntilAccepted(serial, libraryContext, kKspPromptTexts, pin)) return false;
     storeValidatedPin(serial, pin);
     return true;
 }

@@ -16,8 +16,10 @@ bool isTokenSignedOn(const std::string& serial, void* libraryContext);
 
 // CryptoAPI face. False when the user cancelled or the PIN is locked; the face reports it.
 bool ensurePinValidatedCsp(const std::string& serial, void* libraryContext);
-// CNG face. False when the user cancelled or the PIN is locked; the face reports it.
-bool ensurePinValidatedKsp(const std::string& serial, void* libraryContext);
+// CNG face. False when the user cancelled or the PIN is locked; the face reports it. A call
+// that may not show a window (NCRYPT_SILENT_FLAG) passes mayPrompt false: then false also
+// when only the dialog could sign on.
+bool ensurePinValidatedKsp(const std::string& serial, void* libraryContext, bool mayPrompt = true);
 // A PIN the caller hands the CNG face as "SmartCardPin": checked by the token as the user
 // PIN and, when accepted, cached for the token so later key operations need no prompt.
 // Returns the library's result; the sign-on state changes only on 0.

@@ -34,16 +34,23 @@ bool signedOnAlready(const KspProvider& provider) {
            isTokenSignedOn(provider.serialNumber, provider.libraryContext);
 }
 
-// The silent test, then the sign-on step; 0 when the operation may go on.
+// The silent test, then the sign-on step; 0 when the operation may go on. The token can lose
+// its sign-on between the two (unplugged, signed off): a silent call still never prompts.
 SECURITY_STATUS signOn(KspProvider& provider, DWORD flags) {
-    if ((flags & cng::kSilentFlag) && !signedOnAlready(provider)) return NTE_SILENT_CONTEXT;
-    if (!ensurePinValidatedKsp(provider.serialNumber, provider.libraryContext)) return NTE_FAIL;
+    bool silent = (flags & cng::kSilentFlag) != 0;
+    if (silent && !signedOnAlready(provider)) return NTE_SILENT_CONTEXT;
+    if (!ensurePinValidatedKsp(provider.serialNumber, provider.libraryContext, !silent))
+        return silent ? NTE_SILENT_CONTEXT : NTE_FAIL;
     return ERROR_SUCCESS;
 }
 
-PrivateKeyCall privateKeyCall(KspProvider& provider, const KspKey& key, bool tokenFlag, const char* expiredLogLine) {
+PrivateKeyCall privateKeyCall(KspProvider& provider, const KspKey& key, bool tokenFlag, DWORD flags,
+                              const char* expiredLogLine) {
+    bool mayPrompt = (flags & cng::kSilentFlag) == 0;
     return PrivateKeyCall{provider.serialNumber, provider.libraryContext, key.pair.keyId, tokenFlag, expiredLogLine,
-                          [&provider] { return ensurePinValidatedKsp(provider.serialNumber, provider.libraryContext); }};
+                          [&provider, mayPrompt] {
+                              return ensurePinValidatedKsp(provider.serialNumber, provider.libraryContext, mayPrompt);
+                          }};
 }
 
 Bytes publicKeyDerOf(const KspKey& key) {
@@ -85,9 +92,9 @@ SECURITY_STATUS decryptSymmetric(KspProvider& provider, KspKey& key, const BYTE*
 }
 
 SECURITY_STATUS decryptWithTokenKey(KspProvider& provider, KspKey& key, const BYTE* pbInput, DWORD cbInput,
-                                    PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult) {
+                                    PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD flags) {
     PrivateKeyResult plain =
-        decryptOnToken(privateKeyCall(provider, key, key.pair.tokenFlag, "KSP: Decrypt SSO expired, re-prompting for PIN"),
+        decryptOnToken(privateKeyCall(provider, key, key.pair.tokenFlag, flags, "KSP: Decrypt SSO expired, re-prompting for PIN"),
                        std::vector<unsigned char>(pbInput, pbInput + cbInput), nullptr);
     if (plain.pinCheckFailed) return NTE_FAIL;
     if (plain.result != 0) {
@@ -154,7 +161,7 @@ SECURITY_STATUS WINAPI KSPDecrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDL
         if (SECURITY_STATUS refused = signOn(*provider, dwFlags)) return refused;
 
         return symmetric ? decryptSymmetric(*provider, *key, pbInput, cbInput, pbOutput, cbOutput, pcbResult)
-                         : decryptWithTokenKey(*provider, *key, pbInput, cbInput, pbOutput, cbOutput, pcbResult);
+                         : decryptWithTokenKey(*provider, *key, pbInput, cbInput, pbOutput, cbOutput, pcbResult, dwFlags);
     });
 }
 
@@ -189,7 +196,7 @@ SECURITY_STATUS WINAPI KSPSignHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HAND
 
         // The token's flag is not handed on here: signing always passes false.
         PrivateKeyResult signature =
-            signOnToken(privateKeyCall(*provider, *key, false, "KSP: SignHash SSO expired, re-prompting for PIN"),
+            signOnToken(privateKeyCall(*provider, *key, false, dwFlags, "KSP: SignHash SSO expired, re-prompting for PIN"),
                         std::vector<unsigned char>(pbHashValue, pbHashValue + cbHashValue), cbSignature);
         if (signature.pinCheckFailed) return NTE_FAIL;
         if (signature.result != 0) {
