@@ -26,28 +26,6 @@ namespace admin = softtoken::admin;
 
 namespace {
 
-// Starts a program from the build's bin folder with its output in a file.
-HANDLE startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile) {
-    char bin[MAX_PATH];
-    DWORD length = GetEnvironmentVariableA("ORVANE_BIN", bin, sizeof bin);
-    std::string command = "\"" + windowsPath(std::string(bin, length)) + "\\" + program + "\" " + arguments;
-    SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
-    HANDLE output = CreateFileA(windowsPath(outputFile).c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable,
-                                CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = startup.hStdError = output;
-    PROCESS_INFORMATION process{};
-    BOOL started =
-        CreateProcessA(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
-    CloseHandle(output);
-    if (!started) return nullptr;
-    CloseHandle(process.hThread);
-    return process.hProcess;
-}
-
 // Complete lines only: a line cut by the kill was never acknowledged.
 std::vector<std::string> linesOf(const std::string& file) {
     Bytes bytes = readFile(file);
@@ -61,13 +39,16 @@ std::vector<std::string> linesOf(const std::string& file) {
 
 struct Writer {
     std::string serial;
-    std::string outputFile;
+    std::string outputStem;
+    std::string outputFile;  // this life's: a killed life's file may still be open for a while
+    int lives = 0;
     HANDLE process = nullptr;
     long long lastAcknowledged = 0;        // highest step acknowledged by any of its lives
     std::set<long long> acknowledgedKeys;  // steps that stored a key
     long long acknowledgedRetries = 0;     // highest tries value acknowledged
 
     void start() {
+        outputFile = outputStem + "-" + std::to_string(++lives) + ".out";
         process = startProgram("orvane-store-writer.exe",
                                "write " + serial + " " + std::to_string(lastAcknowledged + 1), outputFile);
         ASSERT_NE(nullptr, process);
@@ -147,7 +128,7 @@ TEST(StoreDurability, AcknowledgedWritesSurviveWritersKilledAtRandomMoments) {
     writers[1].serial = "DURABLE-B";
     for (Writer& writer : writers) {
         ASSERT_EQ(0, admin::createToken(writer.serial, writer.serial, "1234", 1));
-        writer.outputFile = workDir() + "/" + writer.serial + ".out";
+        writer.outputStem = workDir() + "/" + writer.serial;
     }
     std::string stopFile = store + "-stop";
     DeleteFileA(windowsPath(stopFile).c_str());

@@ -22,23 +22,7 @@ using Serials = std::vector<std::string>;
 
 // Starts the provisioning tool with its output in outputFile (a Unix path).
 HANDLE startTool(const std::string& arguments, const std::string& outputFile = workDir() + "/tool.out") {
-    char bin[MAX_PATH];
-    DWORD length = GetEnvironmentVariableA("ORVANE_BIN", bin, sizeof bin);
-    std::string command = "\"" + windowsPath(std::string(bin, length)) + "\\orvane-token.exe\" " + arguments;
-    SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
-    HANDLE output = CreateFileA(windowsPath(outputFile).c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable,
-                                CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = startup.hStdError = output;
-    PROCESS_INFORMATION process{};
-    BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
-    CloseHandle(output);
-    if (!started) return nullptr;
-    CloseHandle(process.hThread);
-    return process.hProcess;
+    return startProgram("orvane-token.exe", arguments, outputFile);
 }
 
 int finish(HANDLE process) {

@@ -112,6 +112,25 @@ int runTool(const std::string& arguments) {
     return static_cast<int>(exitCode);
 }
 
+void* startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile) {
+    std::string command = "\"" + windowsPath(environment("ORVANE_BIN")) + "\\" + program + "\" " + arguments;
+    SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
+    HANDLE output = CreateFileA(windowsPath(outputFile).c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable,
+                                CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (output == INVALID_HANDLE_VALUE) return nullptr;
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = startup.hStdError = output;
+    PROCESS_INFORMATION process{};
+    BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
+    CloseHandle(output);
+    if (!started) return nullptr;
+    CloseHandle(process.hThread);
+    return process.hProcess;
+}
+
 std::string useFreshStore(const std::string& name) {
     std::string folder = workDir() + "/stores/" + name;
     runHost("rm -rf '" + folder + "' && mkdir -p '" + folder + "'");

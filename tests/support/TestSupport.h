@@ -28,6 +28,9 @@ HostResult runHost(const std::string& script);
 
 // Runs the provisioning tool as a separate Windows process and returns its exit code.
 int runTool(const std::string& arguments);
+// Starts a program of the build's bin folder as a separate process with its stdout and stderr
+// in outputFile (a Unix path). Returns the process handle (a HANDLE), null when it did not start.
+void* startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile);
 
 // Points the software token of this process (and of the tools it starts) at a new, empty
 // store folder named after the test; returns the folder's Unix path.

@@ -85,18 +85,6 @@ void reportVerdict(Report& report, const std::string& subject, const Verdict& ve
     }
 }
 
-bool sha256(const Bytes& data, Bytes& digest) {
-    BCRYPT_ALG_HANDLE algorithm = nullptr;
-    BCRYPT_HASH_HANDLE hash = nullptr;
-    digest.assign(32, 0);
-    bool ok = BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_SHA256_ALGORITHM, nullptr, 0) == 0 &&
-              BCryptCreateHash(algorithm, &hash, nullptr, 0, nullptr, 0, 0) == 0 &&
-              BCryptHashData(hash, const_cast<PUCHAR>(data.data()), static_cast<ULONG>(data.size()), 0) == 0 &&
-              BCryptFinishHash(hash, digest.data(), static_cast<ULONG>(digest.size()), 0) == 0;
-    if (hash != nullptr) BCryptDestroyHash(hash);
-    if (algorithm != nullptr) BCryptCloseAlgorithmProvider(algorithm, 0);
-    return ok;
-}
 
 Verdict verifyWithSystemRsaProvider(const Bytes& publicKeyBlob, const Bytes& message,
                                     const Bytes& signatureLittleEndian) {

@@ -7,6 +7,8 @@
 
 #include "tools/orvane-check/Checks.h"
 
+#include "tools/common/Sha256.h"
+
 namespace check {
 
 struct Verdict {
@@ -20,8 +22,7 @@ struct Verdict {
 extern const char kIndependentStep[];
 void reportVerdict(Report& report, const std::string& subject, const Verdict& verdict);
 
-// SHA-256 through bcrypt; false when bcrypt cannot make it.
-bool sha256(const Bytes& data, Bytes& digest);
+using tools::sha256;
 
 // The system's "Microsoft Enhanced RSA and AES Cryptographic Provider" (PROV_RSA_AES) with a
 // PUBLICKEYBLOB, hashing `message` itself; the signature in CryptoAPI's little-endian order.

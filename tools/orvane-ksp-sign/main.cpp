@@ -16,6 +16,7 @@
 #include "provider/ksp/KspInterface.h"
 
 #include "tools/common/HostPath.h"
+#include "tools/common/Sha256.h"
 
 namespace {
 
@@ -26,18 +27,6 @@ int fail(const std::string& what, long status) {
     return 1;
 }
 
-bool sha256(const Bytes& data, Bytes& digest) {
-    BCRYPT_ALG_HANDLE algorithm = nullptr;
-    BCRYPT_HASH_HANDLE hash = nullptr;
-    digest.assign(32, 0);
-    bool ok = BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_SHA256_ALGORITHM, nullptr, 0) == 0 &&
-              BCryptCreateHash(algorithm, &hash, nullptr, 0, nullptr, 0, 0) == 0 &&
-              BCryptHashData(hash, const_cast<PUCHAR>(data.data()), static_cast<ULONG>(data.size()), 0) == 0 &&
-              BCryptFinishHash(hash, digest.data(), static_cast<ULONG>(digest.size()), 0) == 0;
-    if (hash) BCryptDestroyHash(hash);
-    if (algorithm) BCryptCloseAlgorithmProvider(algorithm, 0);
-    return ok;
-}
 
 }  // namespace
 
@@ -49,7 +38,7 @@ int main(int argc, char** argv) {
     std::ifstream input(tools::windowsPathOf(argv[2]), std::ios::binary);
     Bytes data((std::istreambuf_iterator<char>(input)), std::istreambuf_iterator<char>());
     Bytes digest;
-    if (!sha256(data, digest)) return fail("SHA-256 through bcrypt", 0);
+    if (!tools::sha256(data, digest)) return fail("SHA-256 through bcrypt", 0);
 
     HMODULE module = LoadLibraryA("OrvaneCSP.dll");
     using GetInterface = NTSTATUS(WINAPI*)(LPCWSTR, NCRYPT_KEY_STORAGE_FUNCTION_TABLE**, DWORD);
