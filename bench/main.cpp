@@ -545,15 +545,15 @@ Row slopeRow(const std::string& label, size_t from, size_t to, double micros, co
     return r;
 }
 
-void keyCountPhase(const TokenKey& rsa, int rounds) {
+void keyCountPhase(const TokenKey& rsa, int rounds, LogLevel& logLevel) {
     const size_t kCounts[] = {2, 20, 100};
     std::vector<Row> rows;
-    std::map<size_t, double> acquireAt, enumerateAt;
+    std::map<size_t, double> acquireAt, acquireAtLevel3, enumerateAt;
     std::vector<size_t> actual;
     // Contexts opened at each count; each lists the containers it saw at acquire, so their
     // enumerations can alternate in one set of rounds once all counts exist.
     std::vector<HCRYPTPROV> heldAtCount;
-    std::printf("\nKey-count rounds: %d per count (log 0)...\n", rounds);
+    std::printf("\nKey-count rounds: %d per count (log 0, and acquire+release at log 3)...\n", rounds);
     std::fflush(stdout);
     for (size_t target : kCounts) {
         size_t have = orvane_getKeyPairList(rsa.serial.c_str(), nullptr).size();
@@ -577,11 +577,14 @@ void keyCountPhase(const TokenKey& rsa, int rounds) {
                      },
                      {}, {}, {}});
         v.push_back({"enumerate", [&] { return acquireEnumerateRelease(names); }, {}, {}, {}});
+        v.push_back({"acquire3", v[0].run, [&] { logLevel.set(3); }, [&] { logLevel.set(0); }, {}});
         runRounds(v, rounds);
         if (names != have) std::printf("NOTE: PP_ENUMCONTAINERS listed %zu containers for %zu key pairs\n", names, have);
         acquireAt[have] = median(v[0].samples);
         enumerateAt[have] = median(v[1].samples);
+        acquireAtLevel3[have] = median(v[2].samples);
         rows.push_back(row(v, "acquire", "acquire+release, " + std::to_string(have) + " key pairs"));
+        rows.push_back(row(v, "acquire3", "acquire+release at log 3, " + std::to_string(have) + " key pairs"));
         rows.push_back(row(v, "enumerate",
                            "acquire+PP_ENUMCONTAINERS all+release, " + std::to_string(have) + " key pairs"));
     }
@@ -620,7 +623,8 @@ void keyCountPhase(const TokenKey& rsa, int rounds) {
     auto fromMedians = [&](std::map<size_t, double>& at, size_t from, size_t to) {
         return (at[to] - at[from]) / static_cast<double>(to - from);
     };
-    for (auto [at, label] : {std::pair{&acquireAt, "acquire+release"}, std::pair{&enumerateAt, "acquire+enumerate"}}) {
+    for (auto [at, label] : {std::pair{&acquireAt, "acquire+release"}, std::pair{&acquireAtLevel3, "acquire+release, log 3"},
+                             std::pair{&enumerateAt, "acquire+enumerate"}}) {
         for (size_t i = 0; i + 1 < actual.size(); ++i)
             rows.push_back(slopeRow(label, actual[i], actual[i + 1], fromMedians(*at, actual[i], actual[i + 1]),
                                     "difference of medians"));
@@ -658,7 +662,7 @@ int main(int argc, char** argv) {
 
     signingPhase(rsa, ec, rounds, logLevel);
     storeUpdatePhase(rsa, std::max(20, rounds / 2));
-    keyCountPhase(rsa, std::max(10, rounds / 4));
+    keyCountPhase(rsa, std::max(10, rounds / 4), logLevel);
     logLevel.set(3);  // the prefix's default again
     return 0;
 }
