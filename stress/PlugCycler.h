@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/stress/Progress.h"
+#include "stress/Progress.h"
 
 namespace stress {
 

@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/stress/Progress.h"
-#include "tests/stress/Records.h"
+#include "stress/Progress.h"
+#include "stress/Records.h"
 
 namespace stress {
 

@@ -1,4 +1,4 @@
-#include "tests/stress/Report.h"
+#include "stress/Report.h"
 
 #include <algorithm>
 #include <cstdio>

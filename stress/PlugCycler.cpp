@@ -1,9 +1,9 @@
-#include "tests/stress/PlugCycler.h"
+#include "stress/PlugCycler.h"
 
 #include <algorithm>
 #include <chrono>
 
-#include "tests/stress/Records.h"
+#include "stress/Records.h"
 #include "tests/support/TestSupport.h"
 #include "token/OrvaneDSCLibrary.h"
 

@@ -1,4 +1,4 @@
-#include "tests/stress/Worker.h"
+#include "stress/Worker.h"
 
 #include <algorithm>
 #include <set>

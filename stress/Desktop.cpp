@@ -1,4 +1,4 @@
-#include "tests/stress/Desktop.h"
+#include "stress/Desktop.h"
 
 #include <cstring>
 #include <map>

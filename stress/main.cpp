@@ -21,11 +21,11 @@
 
 #include "encoding/Hex.h"
 #include "softtoken/SoftTokenAdmin.h"
-#include "tests/stress/Desktop.h"
-#include "tests/stress/PlugCycler.h"
-#include "tests/stress/Report.h"
-#include "tests/stress/Watchdog.h"
-#include "tests/stress/Worker.h"
+#include "stress/Desktop.h"
+#include "stress/PlugCycler.h"
+#include "stress/Report.h"
+#include "stress/Watchdog.h"
+#include "stress/Worker.h"
 #include "tests/support/KspHarness.h"
 #include "tests/support/TestSupport.h"
 

@@ -7,7 +7,7 @@
 #include <bcrypt.h>
 #include <wincrypt.h>
 
-#include "tests/stress/Records.h"
+#include "stress/Records.h"
 
 namespace stress {
 

@@ -1,4 +1,4 @@
-#include "tests/stress/Checker.h"
+#include "stress/Checker.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "tests/stress/Watchdog.h"
+#include "stress/Watchdog.h"
 
 #include <windows.h>
 
@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "tests/stress/Records.h"
+#include "stress/Records.h"
 
 namespace stress {
 namespace {

@@ -10,10 +10,10 @@
 #include <string>
 
 #include "provider/ksp/KspInterface.h"
-#include "tests/stress/Checker.h"
-#include "tests/stress/PlugCycler.h"
-#include "tests/stress/Progress.h"
-#include "tests/stress/Records.h"
+#include "stress/Checker.h"
+#include "stress/PlugCycler.h"
+#include "stress/Progress.h"
+#include "stress/Records.h"
 
 namespace stress {
 

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/stress/Progress.h"
+#include "stress/Progress.h"
 
 namespace stress {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/stress/PlugCycler.h"
-#include "tests/stress/Records.h"
+#include "stress/PlugCycler.h"
+#include "stress/Records.h"
 
 namespace stress {
 
