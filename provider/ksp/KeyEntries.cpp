@@ -4,11 +4,13 @@
 #include <windows.h>
 #include <wincrypt.h>
 
+#include <array>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
 #include "diagnostics/Utils.h"
@@ -57,9 +59,81 @@ DWORD legacyKeySpecOf(uint32_t usage) {
     return 0;
 }
 
-// The key-name records handed out and not yet given back to KSPFreeBuffer.
-std::mutex keyNamesMutex;
-std::unordered_set<const void*> keyNamesHandedOut;
+// The key-name records and strings handed out and not yet given back. NCryptFreeBuffer callers
+// give back only the record; others give back all three blocks, in either order. A string
+// given back on its own is released at once and forgotten by its record. A record's strings
+// still out when the record comes back are parked rather than released, so that a caller
+// giving them back later releases them once; the oldest parked strings are released when
+// too many wait.
+class KeyNameLedger {
+public:
+    void handOut(NCryptKeyName* record) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        try {
+            records_[record] = {record->pszName, record->pszAlgid};
+            owners_[record->pszName] = record;
+            owners_[record->pszAlgid] = record;
+        } catch (...) {
+            records_.erase(record);
+            owners_.erase(record->pszName);
+            owners_.erase(record->pszAlgid);
+            throw;
+        }
+    }
+
+    // True when buffer was a record or string of a key name, now dealt with.
+    bool giveBack(void* buffer) {
+        std::vector<void*> release;
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            auto record = records_.find(buffer);
+            if (record != records_.end()) {
+                for (void* string : record->second)
+                    if (string != nullptr) park(string, release);
+                records_.erase(record);
+                release.push_back(buffer);
+            } else {
+                auto owner = owners_.find(buffer);
+                if (owner == owners_.end()) return false;
+                auto strings = records_.find(owner->second);
+                if (strings != records_.end())
+                    for (void*& string : strings->second)
+                        if (string == buffer) string = nullptr;
+                owners_.erase(owner);
+                release.push_back(buffer);
+            }
+        }
+        for (void* block : release) releaseForCaller(block);
+        return true;
+    }
+
+private:
+    static const size_t kMostParked = 128;
+
+    void park(void* string, std::vector<void*>& release) {
+        owners_[string] = nullptr;
+        parked_.push_back(string);
+        while (parked_.size() > kMostParked) {
+            void* oldest = parked_.front();
+            parked_.pop_front();
+            auto owner = owners_.find(oldest);
+            if (owner != owners_.end() && owner->second == nullptr) {
+                owners_.erase(owner);
+                release.push_back(oldest);
+            }
+        }
+    }
+
+    std::mutex mutex_;
+    std::unordered_map<const void*, std::array<void*, 2>> records_;
+    std::unordered_map<const void*, const void*> owners_;  // string -> its record, null once parked
+    std::deque<void*> parked_;
+};
+
+KeyNameLedger& keyNameLedger() {
+    static KeyNameLedger ledger;
+    return ledger;
+}
 
 void releaseKeyNameBlocks(NCryptKeyName* record, wchar_t* name, wchar_t* algorithm) {
     releaseForCaller(record);
@@ -78,17 +152,16 @@ NCryptKeyName* keyNameForCaller(const OrvaneKeyPair& keyPair) {
         releaseKeyNameBlocks(record, wideName, algorithm);
         return nullptr;
     }
-    try {
-        std::lock_guard<std::mutex> guard(keyNamesMutex);
-        keyNamesHandedOut.insert(record);
-    } catch (...) {
-        releaseKeyNameBlocks(record, wideName, algorithm);
-        throw;
-    }
     record->pszName = wideName;
     record->pszAlgid = algorithm;
     record->dwLegacyKeySpec = legacyKeySpecOf(static_cast<uint32_t>(keyPair.keyUsage));
     record->dwFlags = 0;
+    try {
+        keyNameLedger().handOut(record);
+    } catch (...) {
+        releaseKeyNameBlocks(record, wideName, algorithm);
+        throw;
+    }
     return record;
 }
 
@@ -268,15 +341,7 @@ SECURITY_STATUS WINAPI KSPFreeKey(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE hKey) {
     });
 }
 
-bool releaseKeyNameForCaller(void* buffer) {
-    {
-        std::lock_guard<std::mutex> guard(keyNamesMutex);
-        if (keyNamesHandedOut.erase(buffer) == 0) return false;
-    }
-    NCryptKeyName* record = static_cast<NCryptKeyName*>(buffer);
-    releaseKeyNameBlocks(record, record->pszName, record->pszAlgid);
-    return true;
-}
+bool releaseKeyNameForCaller(void* buffer) { return keyNameLedger().giveBack(buffer); }
 
 SECURITY_STATUS WINAPI KSPEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR, NCryptKeyName** ppKeyName,
                                    PVOID* ppEnumState, DWORD) {

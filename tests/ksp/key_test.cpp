@@ -134,6 +134,42 @@ TEST_F(KspKeys, OpensOnlyAnExactHexNameAndEnumeratesItsToken) {
     EXPECT_EQ(NTE_INVALID_PARAMETER, ksp().EnumKeys(p_, nullptr, nullptr, nullptr, 0));
 }
 
+// A record and its strings given back in any order are each released exactly once: a block
+// that takes over a released string's address between the calls must survive them.
+TEST_F(KspKeys, KeyNamesComeBackWholeOrPieceByPieceInAnyOrder) {
+    HANDLE heap = GetProcessHeap();
+    enum Order { kStringsFirst, kRecordFirst, kRecordOnly };
+    for (int round = 0; round < 30; ++round) {
+        const Order order = static_cast<Order>(round % 3);
+        SCOPED_TRACE(order);
+        void* state = nullptr;
+        NCryptKeyName* record = nullptr;
+        ASSERT_EQ(0, ksp().EnumKeys(p_, nullptr, &record, &state, 0));
+        wchar_t *name = record->pszName, *algorithm = record->pszAlgid;
+        const SIZE_T nameSize = HeapSize(heap, 0, name);
+        void* bystander = nullptr;
+        if (order == kStringsFirst) {
+            ksp().FreeBuffer(name);
+            ksp().FreeBuffer(algorithm);
+            bystander = HeapAlloc(heap, 0, nameSize);
+            ksp().FreeBuffer(record);
+        } else {
+            ksp().FreeBuffer(record);
+            bystander = HeapAlloc(heap, 0, sizeof(NCryptKeyName));
+            EXPECT_TRUE(HeapValidate(heap, 0, name)) << "a string outlives its record until given back";
+            EXPECT_EQ(32u, wcslen(name));
+            if (order == kRecordFirst) {
+                ksp().FreeBuffer(algorithm);
+                ksp().FreeBuffer(name);
+            }
+        }
+        EXPECT_TRUE(HeapValidate(heap, 0, bystander));
+        HeapFree(heap, 0, bystander);
+        ksp().FreeBuffer(state);
+    }
+    EXPECT_TRUE(HeapValidate(heap, 0, nullptr));
+}
+
 TEST_F(KspKeys, PropertiesDescribeTheKeyAndSettingThemTouchesOnlyTheHandle) {
     KspKeyHandle key(p_, openKspKey(p_, beta_));
     ASSERT_NE(0u, key.get());
