@@ -19,8 +19,9 @@ setup)
     wine reg add "$key" /v "Image Path" /t REG_SZ /d "$image" /f >/dev/null
     wine reg add "$key" /v Type /t REG_DWORD /d 1 /f >/dev/null
     wine reg add "$key" /v SigInFile /t REG_DWORD /d 0 /f >/dev/null
-    # A crashing test program ends instead of waiting for winedbg, which would hang the run.
-    wine reg delete 'HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug' /v Debugger /f >/dev/null 2>&1 || true
+    # A crashing test program prints winedbg's backtrace and ends, instead of waiting on the
+    # crash dialog (under Xvfb nobody closes it) until the test's time limit.
+    wine reg add 'HKCU\Software\Wine\WineDbg' /v ShowCrashDialog /t REG_DWORD /d 0 /f >/dev/null
     # Full diagnostic logging, so that runs can be followed in %TEMP%\Kestrelon.
     wine reg add 'HKLM\Software\Kestrelon\Orvane' /v logLevel /t REG_DWORD /d 3 /f >/dev/null
     wineserver -w

@@ -117,8 +117,9 @@ key=""
 step "Fresh Wine prefix in $WINEPREFIX"
 start=$(date +%s)
 wineboot -i >/dev/null 2>&1 || die "wineboot failed"
-# A crashing program ends instead of waiting for winedbg; logLevel 3 shows the registration runs.
-wine reg delete 'HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug' /v Debugger /f >/dev/null 2>&1
+# A crashing program prints a backtrace and ends instead of waiting on the crash dialog;
+# logLevel 3 shows the registration runs.
+wine reg add 'HKCU\Software\Wine\WineDbg' /v ShowCrashDialog /t REG_DWORD /d 0 /f >/dev/null 2>&1
 wine reg add 'HKLM\Software\Kestrelon\Orvane' /v logLevel /t REG_DWORD /d 3 /f >/dev/null 2>&1
 
 step "Install $version without the software token, then remove it"
