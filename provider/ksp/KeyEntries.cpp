@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "diagnostics/Utils.h"
@@ -62,15 +63,21 @@ DWORD legacyKeySpecOf(uint32_t usage) {
 // The key-name records and strings handed out and not yet given back. NCryptFreeBuffer callers
 // give back only the record; others give back all three blocks, in either order. A string
 // given back on its own is released at once and forgotten by its record. A record's strings
-// still out when the record comes back are parked rather than released, so that a caller
-// giving them back later releases them once; the oldest parked strings are released when
-// too many wait.
+// still out when the record comes back are released with it once its enumeration is over;
+// while the enumeration state is out they are parked, so that a caller giving them back after
+// the record releases them once. They go when the state comes back, or, should it never come,
+// when too many wait.
 class KeyNameLedger {
 public:
-    void handOut(NCryptKeyName* record) {
+    void handOutState(const void* state) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        states_.insert(state);
+    }
+
+    void handOut(NCryptKeyName* record, const void* state) {
         std::lock_guard<std::mutex> guard(mutex_);
         try {
-            records_[record] = {record->pszName, record->pszAlgid};
+            records_[record] = Strings{{record->pszName, record->pszAlgid}, state};
             owners_[record->pszName] = record;
             owners_[record->pszAlgid] = record;
         } catch (...) {
@@ -81,53 +88,89 @@ public:
         }
     }
 
-    // True when buffer was a record or string of a key name, now dealt with.
+    // True when buffer was a record or string of a key name and is now released; an
+    // enumeration state is left for the caller to release.
     bool giveBack(void* buffer) {
         std::vector<void*> release;
+        bool taken = true;
         {
             std::lock_guard<std::mutex> guard(mutex_);
             auto record = records_.find(buffer);
+            auto owner = owners_.find(buffer);
             if (record != records_.end()) {
-                for (void* string : record->second)
-                    if (string != nullptr) park(string, release);
+                bool enumerating = states_.count(record->second.state) != 0;
+                for (void* string : record->second.blocks) {
+                    if (string == nullptr) continue;
+                    if (enumerating) {
+                        park(string, record->second.state, release);
+                    } else {
+                        owners_.erase(string);
+                        release.push_back(string);
+                    }
+                }
                 records_.erase(record);
                 release.push_back(buffer);
-            } else {
-                auto owner = owners_.find(buffer);
-                if (owner == owners_.end()) return false;
+            } else if (owner != owners_.end()) {
                 auto strings = records_.find(owner->second);
                 if (strings != records_.end())
-                    for (void*& string : strings->second)
+                    for (void*& string : strings->second.blocks)
                         if (string == buffer) string = nullptr;
                 owners_.erase(owner);
                 release.push_back(buffer);
+            } else {
+                taken = false;
+                if (states_.erase(buffer) != 0) releaseParked(buffer, release);
             }
         }
         for (void* block : release) releaseForCaller(block);
-        return true;
+        return taken;
     }
 
 private:
+    struct Strings {
+        std::array<void*, 2> blocks;
+        const void* state;
+    };
+    struct Parked {
+        void* string;
+        const void* state;
+    };
     static const size_t kMostParked = 128;
 
-    void park(void* string, std::vector<void*>& release) {
+    void park(void* string, const void* state, std::vector<void*>& release) {
         owners_[string] = nullptr;
-        parked_.push_back(string);
+        parked_.push_back(Parked{string, state});
         while (parked_.size() > kMostParked) {
-            void* oldest = parked_.front();
+            releaseIfStillParked(parked_.front().string, release);
             parked_.pop_front();
-            auto owner = owners_.find(oldest);
-            if (owner != owners_.end() && owner->second == nullptr) {
-                owners_.erase(owner);
-                release.push_back(oldest);
+        }
+    }
+
+    void releaseParked(const void* state, std::vector<void*>& release) {
+        for (auto entry = parked_.begin(); entry != parked_.end();) {
+            if (entry->state != state) {
+                ++entry;
+                continue;
             }
+            releaseIfStillParked(entry->string, release);
+            entry = parked_.erase(entry);
+        }
+    }
+
+    // A parked string the caller has not given back meanwhile.
+    void releaseIfStillParked(void* string, std::vector<void*>& release) {
+        auto owner = owners_.find(string);
+        if (owner != owners_.end() && owner->second == nullptr) {
+            owners_.erase(owner);
+            release.push_back(string);
         }
     }
 
     std::mutex mutex_;
-    std::unordered_map<const void*, std::array<void*, 2>> records_;
+    std::unordered_set<const void*> states_;
+    std::unordered_map<const void*, Strings> records_;
     std::unordered_map<const void*, const void*> owners_;  // string -> its record, null once parked
-    std::deque<void*> parked_;
+    std::deque<Parked> parked_;
 };
 
 KeyNameLedger& keyNameLedger() {
@@ -143,7 +186,7 @@ void releaseKeyNameBlocks(NCryptKeyName* record, wchar_t* name, wchar_t* algorit
 
 // The record and its two strings are separate blocks, as NCrypt callers expect; null when
 // any of them could not be had.
-NCryptKeyName* keyNameForCaller(const OrvaneKeyPair& keyPair) {
+NCryptKeyName* keyNameForCaller(const OrvaneKeyPair& keyPair, const void* state) {
     std::string name = containerNameOf(keyPair);
     NCryptKeyName* record = static_cast<NCryptKeyName*>(allocateForCaller(sizeof(NCryptKeyName)));
     wchar_t* wideName = wideForCaller(std::wstring(name.begin(), name.end()));
@@ -157,7 +200,7 @@ NCryptKeyName* keyNameForCaller(const OrvaneKeyPair& keyPair) {
     record->dwLegacyKeySpec = legacyKeySpecOf(static_cast<uint32_t>(keyPair.keyUsage));
     record->dwFlags = 0;
     try {
-        keyNameLedger().handOut(record);
+        keyNameLedger().handOut(record, state);
     } catch (...) {
         releaseKeyNameBlocks(record, wideName, algorithm);
         throw;
@@ -354,6 +397,12 @@ SECURITY_STATUS WINAPI KSPEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR, NCrypt
             EnumerationState* fresh = takeEnumerationState(
                 orvane_getKeyPairList(provider->serialNumber.c_str(), provider->libraryContext));
             if (fresh == nullptr) return NTE_NO_MEMORY;
+            try {
+                keyNameLedger().handOutState(fresh);
+            } catch (...) {
+                releaseForCaller(fresh);
+                throw;
+            }
             *ppEnumState = fresh;
         }
         EnumerationState* state = static_cast<EnumerationState*>(*ppEnumState);
@@ -362,7 +411,7 @@ SECURITY_STATUS WINAPI KSPEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR, NCrypt
             return NTE_NO_MORE_ITEMS;
         }
         const OrvaneKeyPair& keyPair = snapshotOf(state)[state->nextIndex];
-        NCryptKeyName* record = keyNameForCaller(keyPair);
+        NCryptKeyName* record = keyNameForCaller(keyPair, state);
         if (record == nullptr) return NTE_NO_MEMORY;
         *ppKeyName = record;
         ++state->nextIndex;
