@@ -263,13 +263,16 @@ const Snapshot& emptyState() {
 
 // The committed state, parsed only when the newest file differs from the one cached. The file
 // work happens outside the cache mutex, so concurrent readers only queue for the comparison.
-bool loadCurrent(const std::string& folder, Snapshot& out) {
+// A writer lists the folder whatever the watch says: change notifications reach this process
+// a moment after another process's commit, and a commit on a stale state would reuse a name.
+bool loadCurrent(const std::string& folder, Snapshot& out, bool trustWatch = true) {
     Cache& c = cache();
     for (int attempt = 0; attempt < 100; ++attempt) {
         uint64_t epoch = 0;
         {
             std::lock_guard<std::mutex> guard(c.mutex);
-            if (c.watch.unchanged(folder, epoch) && c.valid && c.folder == folder && c.confirmed == epoch) {
+            if (c.watch.unchanged(folder, epoch) && trustWatch && c.valid && c.folder == folder &&
+                c.confirmed == epoch) {
                 out = c.state;
                 return true;
             }
@@ -361,9 +364,9 @@ int updateStore(const std::function<int(StoreState&)>& mutate) {
     std::lock_guard<std::mutex> writer(writerMutex());
     WriterLock lock(folder);
     if (!lock.locked()) return kStoreError;
-    // Under the file lock nobody else commits, so this is the freshest state.
+    // Under the file lock nobody else commits, so the listing shows the freshest state.
     Snapshot committed;
-    if (!loadCurrent(folder, committed)) return kStoreError;
+    if (!loadCurrent(folder, committed, false)) return kStoreError;
 
     StoreState next = *committed;
     int result = mutate(next);
