@@ -12,6 +12,7 @@
 #include "softtoken/Objects.h"
 #include "softtoken/Status.h"
 #include "softtoken/Store.h"
+#include "softtoken/ThreadLists.h"
 #include "token/OrvaneDSCLibrary.h"
 
 using namespace softtoken;
@@ -101,7 +102,13 @@ void fillSecretKey(const SecretKeyRecord& secret, OrvaneSymmetricKey& out) {
 // token or an injected fault gives an empty list.
 template <typename Record, typename Stored>
 std::vector<Record>& readList(const char* operation, const char* serial, std::vector<Stored> TokenRecord::*objects,
-                              void (*fill)(const Stored&, Record&), std::vector<Record>& list) noexcept {
+                              void (*fill)(const Stored&, Record&), std::vector<Record> ThreadLists::*kind) noexcept {
+    ThreadLists* lists = threadLists();
+    if (lists == nullptr) {
+        static std::vector<Record> none;  // handed out empty, never filled
+        return none;
+    }
+    std::vector<Record>& list = lists->*kind;
     list.clear();
     try {
         Snapshot state;
@@ -201,18 +208,15 @@ ORVANE_DSC_API int orvane_validatePassword(const char* serialNumber, const char*
 }
 
 ORVANE_DSC_API std::vector<OrvaneKeyPair>& orvane_getKeyPairList(const char* serialNumber, void*) {
-    thread_local std::vector<OrvaneKeyPair> list;
-    return readList("orvane_getKeyPairList", serialNumber, &TokenRecord::keyPairs, fillKeyPair, list);
+    return readList("orvane_getKeyPairList", serialNumber, &TokenRecord::keyPairs, fillKeyPair, &ThreadLists::keyPairs);
 }
 
 ORVANE_DSC_API std::vector<OrvaneCertificate>& orvane_getCertificateList(const char* serialNumber, void*) {
-    thread_local std::vector<OrvaneCertificate> list;
-    return readList("orvane_getCertificateList", serialNumber, &TokenRecord::certificates, fillCertificate, list);
+    return readList("orvane_getCertificateList", serialNumber, &TokenRecord::certificates, fillCertificate, &ThreadLists::certificates);
 }
 
 ORVANE_DSC_API std::vector<OrvaneSymmetricKey>& orvane_getAesKeyList(const char* serialNumber, void*) {
-    thread_local std::vector<OrvaneSymmetricKey> list;
-    return readList("orvane_getAesKeyList", serialNumber, &TokenRecord::secretKeys, fillSecretKey, list);
+    return readList("orvane_getAesKeyList", serialNumber, &TokenRecord::secretKeys, fillSecretKey, &ThreadLists::secretKeys);
 }
 
 ORVANE_DSC_API int orvane_getCertificateDetails(const unsigned char* certData, int certLength,
