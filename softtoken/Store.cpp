@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -233,6 +234,76 @@ private:
     uint64_t epoch_ = 0;
 };
 
+// A count of the commits made to one store folder, in a named section that every process
+// using the folder maps, so that a reader sees another process's commit at once. The folder's
+// change notification alone is not enough: Wine delivers it a moment after the commit, even
+// after the writer has exited. Writers make the count odd before the rename and even after
+// it; an odd count is a commit under way, or a writer that died in one, and is never trusted.
+// Writers in another session use another section; for them the notification still applies.
+class CommitCounter {
+public:
+    ~CommitCounter() { close(); }
+
+    // The count for folder; odd (so not trusted) when the section cannot be had.
+    uint64_t read(const std::string& folder) {
+        if (folder != folder_) open(folder);
+        if (count_ == nullptr) return 1;
+        return static_cast<uint64_t>(InterlockedCompareExchange64(count_, 0, 0));
+    }
+
+    // Writers only, under the writer lock.
+    void beginCommit(const std::string& folder) {
+        uint64_t count = read(folder);
+        if (count_ != nullptr) InterlockedExchangeAdd64(count_, count % 2 == 0 ? 1 : 2);
+    }
+    uint64_t endCommit(const std::string& folder) {
+        if (read(folder) % 2 == 1 && count_ != nullptr) InterlockedIncrement64(count_);
+        return read(folder);
+    }
+
+private:
+    void open(const std::string& folder) {
+        close();
+        folder_ = folder;
+        HANDLE section = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(LONG64),
+                                            sectionName(folder).c_str());
+        if (section == nullptr) return;
+        void* view = MapViewOfFile(section, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(LONG64));
+        if (view == nullptr) {
+            CloseHandle(section);
+            return;
+        }
+        section_ = section;
+        count_ = static_cast<LONG64 volatile*>(view);
+    }
+
+    void close() {
+        if (count_ != nullptr) UnmapViewOfFile(const_cast<LONG64*>(count_));
+        if (section_ != nullptr) CloseHandle(section_);
+        count_ = nullptr;
+        section_ = nullptr;
+    }
+
+    // One name per folder however it is spelt: full path, lower case, backslashes, no
+    // trailing separator, hashed (FNV-1a) to fit a section name.
+    static std::string sectionName(const std::string& folder) {
+        char full[MAX_PATH];
+        DWORD length = GetFullPathNameA(folder.c_str(), sizeof full, full, nullptr);
+        std::string path = length > 0 && length < sizeof full ? std::string(full, length) : folder;
+        for (char& c : path) c = c == '/' ? '\\' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        while (path.size() > 1 && path.back() == '\\') path.pop_back();
+        uint64_t hash = 14695981039346656037ull;
+        for (unsigned char c : path) hash = (hash ^ c) * 1099511628211ull;
+        char name[64];
+        std::snprintf(name, sizeof name, "OrvaneSoftTokenCommits-%016llx", static_cast<unsigned long long>(hash));
+        return name;
+    }
+
+    std::string folder_;
+    HANDLE section_ = nullptr;
+    LONG64 volatile* count_ = nullptr;
+};
+
 // Last state read in this process, with the listing entry of the file it came from.
 struct Cache {
     std::mutex mutex;
@@ -243,6 +314,9 @@ struct Cache {
     FolderWatch watch;
     // The arming after which the cached state was confirmed as the newest; 0 for none.
     uint64_t confirmed = 0;
+    CommitCounter commits;
+    // The commit count read before the listing that confirmed the cached state.
+    uint64_t commitsConfirmed = 1;
 };
 
 Cache& cache() {
@@ -268,21 +342,31 @@ const Snapshot& emptyState() {
 bool loadCurrent(const std::string& folder, Snapshot& out, bool trustWatch = true) {
     Cache& c = cache();
     for (int attempt = 0; attempt < 100; ++attempt) {
-        uint64_t epoch = 0;
+        uint64_t epoch = 0, commits = 1;
         {
             std::lock_guard<std::mutex> guard(c.mutex);
+            commits = c.commits.read(folder);
             if (c.watch.unchanged(folder, epoch) && trustWatch && c.valid && c.folder == folder &&
-                c.confirmed == epoch) {
+                c.confirmed == epoch && commits % 2 == 0 && commits == c.commitsConfirmed) {
                 out = c.state;
                 return true;
             }
         }
         Newest newest;
         if (!findNewest(folder, newest)) return false;
+        if (!newest.exists) {
+            // A listing made while a commit renames the new file in and deletes the old one can
+            // show neither: Wine reads the names first and drops those gone by the time it looks
+            // at them. Only a listing during which no commit ran can show a store without state.
+            std::lock_guard<std::mutex> guard(c.mutex);
+            uint64_t after = c.commits.read(folder);
+            if (after != commits || after % 2 == 1) continue;
+        }
         {
             std::lock_guard<std::mutex> guard(c.mutex);
             if (c.valid && c.folder == folder && c.file == newest) {
                 if (epoch > c.confirmed) c.confirmed = epoch;
+                c.commitsConfirmed = commits;
                 out = c.state;
                 return true;
             }
@@ -313,6 +397,7 @@ bool loadCurrent(const std::string& folder, Snapshot& out, bool trustWatch = tru
             c.state = state;
             c.valid = true;
             c.confirmed = epoch;
+            c.commitsConfirmed = commits;
         }
         out = std::move(state);
         return true;
@@ -373,7 +458,19 @@ int updateStore(const std::function<int(StoreState&)>& mutate) {
     if (result != kOk) return result;
     next.generation = committed->generation + 1;
     Snapshot written = std::make_shared<const StoreState>(std::move(next));
-    if (!commit(folder, written->generation, formatStoreText(*written))) return kStoreError;
+    std::string text = formatStoreText(*written);
+    Cache& c = cache();
+    {
+        std::lock_guard<std::mutex> guard(c.mutex);
+        c.commits.beginCommit(folder);
+    }
+    bool committedNow = commit(folder, written->generation, text);
+    uint64_t commits = 1;
+    {
+        std::lock_guard<std::mutex> guard(c.mutex);
+        commits = c.commits.endCommit(folder);
+    }
+    if (!committedNow) return kStoreError;
 
     // Older generations are only history now; one still open in a reader goes when it closes.
     Newest newest;
@@ -381,7 +478,6 @@ int updateStore(const std::function<int(StoreState&)>& mutate) {
     if (findNewest(folder, newest, &older)) {
         for (const std::string& name : older) DeleteFileA((folder + "\\" + name).c_str());
         // Remember what was committed so that this process does not parse its own write again.
-        Cache& c = cache();
         std::lock_guard<std::mutex> guard(c.mutex);
         if (newest.name == stateName(written->generation)) {
             // Still under the file lock: this is the newest state whenever the watch was armed.
@@ -390,6 +486,7 @@ int updateStore(const std::function<int(StoreState&)>& mutate) {
             c.file = newest;
             c.state = written;
             c.valid = true;
+            c.commitsConfirmed = commits;
         }
     }
     return kOk;
