@@ -882,10 +882,14 @@ TEST_F(FaultSweep, EveryOperationFailingGivesThePublishedAnswerLeavesNothingBehi
             RowResidue residue = runRow(row, hashCost, false);
             if (pass == 0 || (residue.handles <= 0 && residue.threads <= 0 && residue.blocks <= 0)) continue;
             // A lock that meets contention for the first time gets a wait event for good, and the
-            // device monitor forgets the sessions of removed tokens up to a second later: what a
-            // second run of the row, with the monitor given time, leaves again is the row's own.
+            // device monitor forgets the sessions of removed tokens up to a second later: what
+            // every further run of the row, with the monitor given time, leaves again is the
+            // row's own. Two locks may meet their first contention in two runs in a row.
             ++rerun;
-            residue = runRow(row, hashCost, true);
+            for (int again = 0; again < 3; ++again) {
+                residue = runRow(row, hashCost, true);
+                if (residue.handles <= 0 && residue.threads <= 0 && residue.blocks <= 0) break;
+            }
             EXPECT_LE(residue.handles, 0) << row.entry << " / " << row.operation << ": handles kept";
             EXPECT_LE(residue.threads, 0) << row.entry << " / " << row.operation << ": threads kept";
             EXPECT_LE(residue.blocks, 0) << row.entry << " / " << row.operation << ": heap blocks kept ("
