@@ -149,16 +149,37 @@ bool commit(const std::string& folder, uint64_t generation, const std::string& c
     return true;
 }
 
-// The exclusive cross-process lock that serialises writers; readers never take it.
+// How long a writer waits for another one before it gives up with a store error: a commit
+// takes milliseconds, and a process that died holding the lock loses it with its handles.
+const DWORD kWriterLockWaitMs = 10000;
+
+// The exclusive cross-process lock that serialises writers. Readers take it only to settle an
+// empty listing while the commit count says a commit is under way (see loadCurrent).
 class WriterLock {
 public:
-    explicit WriterLock(const std::string& folder) {
-        if (!createFolders(folder)) return;
+    enum class Folder { kCreate, kExisting };
+
+    WriterLock(const std::string& folder, Folder mode) {
+        if (mode == Folder::kCreate && !createFolders(folder)) return;
         file_ = CreateFileA((folder + "\\store.lock").c_str(), GENERIC_READ | GENERIC_WRITE,
-                            FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-        if (file_ == INVALID_HANDLE_VALUE) return;
-        OVERLAPPED region{};
-        locked_ = LockFileEx(file_, LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &region) != FALSE;
+                            FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                            mode == Folder::kCreate ? OPEN_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+        if (file_ == INVALID_HANDLE_VALUE) {
+            DWORD error = GetLastError();
+            noLockFile_ = error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
+            return;
+        }
+        // Polled rather than waited for, so that a writer stuck in a commit cannot hang everyone.
+        ULONGLONG deadline = GetTickCount64() + kWriterLockWaitMs;
+        for (int attempt = 0;; ++attempt) {
+            OVERLAPPED region{};
+            if (LockFileEx(file_, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &region)) {
+                locked_ = true;
+                return;
+            }
+            if (GetLastError() != ERROR_LOCK_VIOLATION || GetTickCount64() > deadline) return;
+            Sleep(attempt < 4 ? 0 : 1);
+        }
     }
     ~WriterLock() {
         if (locked_) {
@@ -170,10 +191,13 @@ public:
     WriterLock(const WriterLock&) = delete;
     WriterLock& operator=(const WriterLock&) = delete;
     bool locked() const { return locked_; }
+    // The folder or its lock file does not exist: no writer ever committed there.
+    bool noLockFile() const { return noLockFile_; }
 
 private:
     HANDLE file_ = INVALID_HANDLE_VALUE;
     bool locked_ = false;
+    bool noLockFile_ = false;
 };
 
 // Change notifications on the store folder (files created, renamed, deleted, written) and
@@ -251,7 +275,11 @@ public:
         return static_cast<uint64_t>(InterlockedCompareExchange64(count_, 0, 0));
     }
 
-    // Writers only, under the writer lock.
+    // Writers only, under the writer lock. There an odd count can only be left by a writer that
+    // died in a commit; making it even again lets readers trust their caches once more.
+    void settleAfterDeadWriter(const std::string& folder) {
+        if (read(folder) % 2 == 1 && count_ != nullptr) InterlockedIncrement64(count_);
+    }
     void beginCommit(const std::string& folder) {
         uint64_t count = read(folder);
         if (count_ != nullptr) InterlockedExchangeAdd64(count_, count % 2 == 0 ? 1 : 2);
@@ -324,29 +352,30 @@ Cache& cache() {
     return instance;
 }
 
-// Serialises this process's writers before they queue for the file lock.
-std::mutex& writerMutex() {
-    static std::mutex instance;
-    return instance;
-}
-
 const Snapshot& emptyState() {
     static const Snapshot empty = std::make_shared<const StoreState>();
     return empty;
 }
 
+bool loadUnderWriterLock(const std::string& folder, Snapshot& out);
+
+// How often a reader lists again when a listing showed no state file while the commit count
+// was odd or moved, before it asks the writer lock instead.
+const int kEmptyListingRetries = 20;
+
 // The committed state, parsed only when the newest file differs from the one cached. The file
 // work happens outside the cache mutex, so concurrent readers only queue for the comparison.
-// A writer lists the folder whatever the watch says: change notifications reach this process
-// a moment after another process's commit, and a commit on a stale state would reuse a name.
-bool loadCurrent(const std::string& folder, Snapshot& out, bool trustWatch = true) {
+// A writer (under the writer lock) lists the folder whatever the watch says: change
+// notifications reach this process a moment after another process's commit, and a commit on a
+// stale state would reuse a name.
+bool loadCurrent(const std::string& folder, Snapshot& out, bool underWriterLock = false) {
     Cache& c = cache();
     for (int attempt = 0; attempt < 100; ++attempt) {
         uint64_t epoch = 0, commits = 1;
         {
             std::lock_guard<std::mutex> guard(c.mutex);
             commits = c.commits.read(folder);
-            if (c.watch.unchanged(folder, epoch) && trustWatch && c.valid && c.folder == folder &&
+            if (c.watch.unchanged(folder, epoch) && !underWriterLock && c.valid && c.folder == folder &&
                 c.confirmed == epoch && commits % 2 == 0 && commits == c.commitsConfirmed) {
                 out = c.state;
                 return true;
@@ -354,13 +383,25 @@ bool loadCurrent(const std::string& folder, Snapshot& out, bool trustWatch = tru
         }
         Newest newest;
         if (!findNewest(folder, newest)) return false;
-        if (!newest.exists) {
+        if (!newest.exists && !underWriterLock) {
             // A listing made while a commit renames the new file in and deletes the old one can
             // show neither: Wine reads the names first and drops those gone by the time it looks
             // at them. Only a listing during which no commit ran can show a store without state.
-            std::lock_guard<std::mutex> guard(c.mutex);
-            uint64_t after = c.commits.read(folder);
-            if (after != commits || after % 2 == 1) continue;
+            // The count stays odd after a writer died in a commit, and is odd for good when the
+            // section cannot be had, so after a few tries the writer lock settles it: under it
+            // no commit runs.
+            uint64_t after = 1;
+            {
+                std::lock_guard<std::mutex> guard(c.mutex);
+                after = c.commits.read(folder);
+            }
+            if (after != commits || after % 2 == 1) {
+                if (attempt < kEmptyListingRetries) {
+                    Sleep(0);
+                    continue;
+                }
+                return loadUnderWriterLock(folder, out);
+            }
         }
         {
             std::lock_guard<std::mutex> guard(c.mutex);
@@ -405,6 +446,28 @@ bool loadCurrent(const std::string& folder, Snapshot& out, bool trustWatch = tru
     return false;
 }
 
+// Serialises this process's writers before they queue for the file lock.
+std::mutex& writerMutex() {
+    static std::mutex instance;
+    return instance;
+}
+
+bool loadUnderWriterLock(const std::string& folder, Snapshot& out) {
+    std::lock_guard<std::mutex> writer(writerMutex());
+    WriterLock lock(folder, WriterLock::Folder::kExisting);
+    if (!lock.locked()) {
+        if (!lock.noLockFile()) return false;
+        out = emptyState();
+        return true;
+    }
+    {
+        Cache& c = cache();
+        std::lock_guard<std::mutex> guard(c.mutex);
+        c.commits.settleAfterDeadWriter(folder);
+    }
+    return loadCurrent(folder, out, true);
+}
+
 }  // namespace
 
 TokenRecord* StoreState::find(const std::string& serial) {
@@ -447,11 +510,16 @@ Snapshot readStore() {
 int updateStore(const std::function<int(StoreState&)>& mutate) {
     std::string folder = storeFolder();
     std::lock_guard<std::mutex> writer(writerMutex());
-    WriterLock lock(folder);
+    WriterLock lock(folder, WriterLock::Folder::kCreate);
     if (!lock.locked()) return kStoreError;
+    Cache& c = cache();
+    {
+        std::lock_guard<std::mutex> guard(c.mutex);
+        c.commits.settleAfterDeadWriter(folder);
+    }
     // Under the file lock nobody else commits, so the listing shows the freshest state.
     Snapshot committed;
-    if (!loadCurrent(folder, committed, false)) return kStoreError;
+    if (!loadCurrent(folder, committed, true)) return kStoreError;
 
     StoreState next = *committed;
     int result = mutate(next);
@@ -459,7 +527,6 @@ int updateStore(const std::function<int(StoreState&)>& mutate) {
     next.generation = committed->generation + 1;
     Snapshot written = std::make_shared<const StoreState>(std::move(next));
     std::string text = formatStoreText(*written);
-    Cache& c = cache();
     {
         std::lock_guard<std::mutex> guard(c.mutex);
         c.commits.beginCommit(folder);

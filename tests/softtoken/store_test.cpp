@@ -49,6 +49,29 @@ std::string coldPluggedState(const std::string& serial) {
     return listed.substr(plugged + 11, listed.find(',', plugged) - plugged - 11);
 }
 
+// Fills the stack below the caller with one handle value, so that whatever a callee leaves
+// uninitialised there reads as that handle.
+__attribute__((noinline)) void soakStackWith(HANDLE value) {
+    volatile HANDLE soak[8192];
+    for (auto& slot : soak) slot = value;
+}
+
+// Wine's CreateProcess of a Unix program (the host shell the tests use for OpenSSL and files)
+// hands back process and thread handles taken from uninitialised stack; closing them closed
+// whatever handle of the test process had that value (the named-object directory, the desktop),
+// so later store operations failed or hung depending on the test folder's name.
+TEST(TestHarness, HostCommandsLeaveTheCallersHandlesAlone) {
+    HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    ASSERT_NE(nullptr, event);
+    for (int i = 0; i < 3; ++i) {
+        soakStackWith(event);
+        EXPECT_EQ(0, runHost("true").exitCode);
+        DWORD flags = 0;
+        ASSERT_TRUE(GetHandleInformation(event, &flags)) << "run " << i << " closed the event";
+    }
+    CloseHandle(event);
+}
+
 TEST(SoftTokenStore, WrongPinsFromTwoProcessesAndTwoThreadsAllCount) {
     useFreshStore("pins");
     ASSERT_EQ(0, admin::createToken("PINS-1", "Pins", "2468", 200));
@@ -86,6 +109,30 @@ TEST(SoftTokenStore, AWriterKilledAtAnyStepLeavesTheOldOrTheNewStateAndNothingRe
         ASSERT_EQ(0, admin::setRetriesLeft("KILL-B", 2)) << "an unrelated write by the warm reader";
         EXPECT_EQ(committed ? "false" : "true", coldPluggedState("KILL-A")) << "nothing reverts";
         EXPECT_EQ(2, orvane_getTokenInfo("KILL-B", nullptr).pinRetriesLeft);
+    }
+}
+
+// A writer that died in the middle of a commit leaves the folder's commit count odd for as long
+// as any process maps it. A folder emptied or made again afterwards must still work at once,
+// for the writer and for readers, and nothing may wait for the dead writer.
+TEST(SoftTokenStore, AFolderReplacedAfterAWriterDiedMidCommitWorksAtOnce) {
+    for (const char* step : {"after-temp-write", "before-rename"}) {
+        SCOPED_TRACE(step);
+        std::string name = std::string("replaced-") + step;
+        useFreshStore(name);
+        ASSERT_EQ(0, admin::createToken("OLD-1", "Old", "1234", 5));
+        SetEnvironmentVariableA("ORVANE_STORE_STOP_AT", step);
+        int killed = finish(startTool("unplug OLD-1"));
+        SetEnvironmentVariableA("ORVANE_STORE_STOP_AT", nullptr);
+        ASSERT_EQ(86, killed);
+
+        useFreshStore(name);
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_TRUE(orvane_getConnectedDeviceList(false, nullptr).empty()) << "a reader of the empty folder";
+        ASSERT_EQ(0, admin::createToken("NEW-1", "New", "1234", 5)) << "a writer of the empty folder";
+        EXPECT_EQ(Serials{"NEW-1"}, orvane_getConnectedDeviceList(false, nullptr));
+        EXPECT_EQ("true", coldPluggedState("NEW-1")) << "another process";
+        EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 5.0);
     }
 }
 

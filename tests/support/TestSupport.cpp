@@ -86,8 +86,8 @@ HostResult runHost(const std::string& script) {
     PROCESS_INFORMATION process{};
     if (!CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
         throw std::runtime_error("cannot start /bin/sh on the host");
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
+    // For a Unix program Wine fills the process and thread handles from uninitialised stack:
+    // they belong to nobody, and closing them would close some other handle of this process.
 
     HostResult result;
     for (int waited = 0; waited < 120000 && !exists(stem + ".rc"); waited += 10) Sleep(10);
