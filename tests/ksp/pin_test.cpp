@@ -17,6 +17,8 @@ using desktop::UiStep;
 namespace {
 
 const char kSerial[] = "KSP-PIN-1";
+// A token of its own for the silent case, so that no PIN was given for it whatever ran before.
+const char kSilentSerial[] = "KSP-PIN-SILENT";
 
 class KspPinTest : public ::testing::Test {
 protected:
@@ -24,31 +26,34 @@ protected:
         useFreshStore("ksp-pin");
         ASSERT_EQ(0, admin::createToken(kSerial, "KSP pin token", "1234", 5));
         ASSERT_EQ(0, admin::generateKeyPair(kSerial, ORVANE_KEY_RSA_1024, "", 3, 0, keyId_));
+        ASSERT_EQ(0, admin::createToken(kSilentSerial, "KSP silent token", "1234", 5));
+        ASSERT_EQ(0, admin::generateKeyPair(kSilentSerial, ORVANE_KEY_RSA_1024, "", 3, 0, silentKeyId_));
     }
     void SetUp() override { ASSERT_EQ(0, provider_.status()); }
 
-    SECURITY_STATUS sign(DWORD flags) {
+    SECURITY_STATUS sign(DWORD flags, NCRYPT_KEY_HANDLE key = 0) {
         BYTE digest[32] = {1, 2, 3}, signature[128];
         DWORD size = 0;
-        return ksp().SignHash(provider_.get(), key_.get(), nullptr, digest, sizeof digest, signature, sizeof signature, &size, flags);
+        return ksp().SignHash(provider_.get(), key ? key : key_.get(), nullptr, digest, sizeof digest, signature,
+                              sizeof signature, &size, flags);
     }
 
-    static std::string keyId_;
+    static std::string keyId_, silentKeyId_;
     KspProviderHandle provider_;
     KspKeyHandle key_{provider_.get(), openKspKey(provider_.get(), keyId_)};
 };
 
-std::string KspPinTest::keyId_;
+std::string KspPinTest::keyId_, KspPinTest::silentKeyId_;
 
-// Runs first: no PIN has been given in this process yet.
 TEST_F(KspPinTest, SilentFlagRefusesInsteadOfPrompting) {
+    KspKeyHandle silentKey{provider_.get(), openKspKey(provider_.get(), silentKeyId_)};
     int signatures = admin::callCount("orvane_signHash");
     UiDriver watchdog({UiStep::cancel()}, 1500);
-    EXPECT_EQ(NTE_SILENT_CONTEXT, sign(NCRYPT_SILENT_FLAG));
+    EXPECT_EQ(NTE_SILENT_CONTEXT, sign(NCRYPT_SILENT_FLAG, silentKey.get()));
     BYTE cipher[128] = {1}, plain[128];
     DWORD size = 0;
     EXPECT_EQ(NTE_SILENT_CONTEXT,
-              ksp().Decrypt(provider_.get(), key_.get(), cipher, sizeof cipher, nullptr, plain, sizeof plain, &size, NCRYPT_SILENT_FLAG));
+              ksp().Decrypt(provider_.get(), silentKey.get(), cipher, sizeof cipher, nullptr, plain, sizeof plain, &size, NCRYPT_SILENT_FLAG));
     EXPECT_EQ(Seen{"missing: pin dialog"}, watchdog.finish());
     EXPECT_EQ(signatures, admin::callCount("orvane_signHash"));
 }
