@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "diagnostics/Utils.h"
-#include "encoding/CertificateChain.h"
+#include "token/CertificateChain.h"
 #include "provider/csp/CspBuffers.h"
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
