@@ -10,7 +10,7 @@
 #include "provider/csp/CspResult.h"
 #include "token/KeyPairFacts.h"
 #include "token/OrvaneDSCLibrary.h"
-#include "token/Sessions.h"
+#include "token/Devices.h"
 
 using namespace orvane;
 using namespace orvane::csp;

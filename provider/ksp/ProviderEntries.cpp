@@ -14,7 +14,7 @@
 #include "provider/ksp/KspResult.h"
 #include "token/OrvaneDSCLibrary.h"
 #include "token/Pin.h"
-#include "token/Sessions.h"
+#include "token/Devices.h"
 
 namespace orvane::ksp {
 namespace {

@@ -10,6 +10,7 @@
 #include "softtoken/SoftTokenAdmin.h"
 #include "tests/support/ProviderSupport.h"
 #include "tests/support/TestSupport.h"
+#include "token/Devices.h"
 #include "token/KeyCertificate.h"
 #include "token/Sessions.h"
 
