@@ -28,13 +28,13 @@ bool isPinValidated(const std::string& serial) {
     return entry != sessions.end() && entry->second.pinValidated;
 }
 
-std::string getCachedPin(const std::string& serial) {
+SecretBytes getCachedPin(const std::string& serial) {
     std::lock_guard<std::mutex> lock(sessionMutex);
     auto entry = sessions.find(serial);
-    return entry != sessions.end() ? entry->second.pin : std::string();
+    return entry != sessions.end() ? entry->second.pin : SecretBytes();
 }
 
-void storeValidatedPin(const std::string& serial, const std::string& pin) {
+void storeValidatedPin(const std::string& serial, const SecretBytes& pin) {
     std::lock_guard<std::mutex> lock(sessionMutex);
     DeviceSession& session = sessions[serial];
     if (&session.pin != &pin) session.pin = pin;

@@ -7,11 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "token/SecretBytes.h"
+
 namespace orvane {
 
 struct DeviceSession {
     bool pinValidated = false;
-    std::string pin;
+    SecretBytes pin;  // kept until the PIN is cleared
     bool deviceInitialized = false;
 };
 
@@ -19,8 +21,8 @@ struct DeviceSession {
 bool isDeviceInitialized(const std::string& serial);
 void markDeviceInitialized(const std::string& serial);
 bool isPinValidated(const std::string& serial);
-std::string getCachedPin(const std::string& serial);
-void storeValidatedPin(const std::string& serial, const std::string& pin);
+SecretBytes getCachedPin(const std::string& serial);
+void storeValidatedPin(const std::string& serial, const SecretBytes& pin);
 void clearPin(const std::string& serial);
 void removeSession(const std::string& serial);
 // Erases the entries of every token not in `connected`, in serial order; returns their serials.

@@ -49,8 +49,8 @@ const ProviderPropertyValue* findProviderProperty(LPCWSTR name) {
 
 SECURITY_STATUS setPin(KspProvider& provider, PBYTE pbInput, DWORD cbInput) {
     if (pbInput == nullptr) return NTE_INVALID_PARAMETER;
-    std::string pin = properties::pinFromPropertyValue(pbInput, cbInput);
-    return acceptCallerPinKsp(provider.serialNumber, pin, provider.libraryContext) == 0 ? ERROR_SUCCESS
+    SecretBytes pin(properties::pinFromPropertyValue(pbInput, cbInput));
+    return acceptCallerPin(provider.serialNumber, pin, provider.libraryContext, kKspPinTexts) == 0 ? ERROR_SUCCESS
                                                                                         : NTE_VALIDATION_FAILED;
 }
 
