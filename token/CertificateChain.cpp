@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/Pkcs7.h"
 #include "token/KeyCertificate.h"
 #include "token/KeyPairFacts.h"

@@ -1,6 +1,6 @@
 #include "token/Devices.h"
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/WideNames.h"
 #include "token/DeviceMonitor.h"
 #include "token/KeyPairFacts.h"

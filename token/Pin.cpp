@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "token/OrvaneDSCLibrary.h"
 #include "token/PinDialog.h"
 #include "token/Sessions.h"

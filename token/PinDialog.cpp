@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "resources/ResourceIds.h"
 
 namespace orvane {

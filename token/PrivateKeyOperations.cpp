@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "token/OrvaneDSCLibrary.h"
 #include "token/Pin.h"
 #include "token/Sessions.h"

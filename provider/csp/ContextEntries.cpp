@@ -4,7 +4,7 @@
 #include <memory>
 #include <new>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
 #include "provider/csp/CspResult.h"

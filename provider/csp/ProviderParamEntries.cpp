@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "token/CertificateChain.h"
 #include "provider/csp/CspBuffers.h"
 #include "provider/csp/CspContext.h"

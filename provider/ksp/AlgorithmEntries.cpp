@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "provider/ksp/KspEntries.h"
 #include "provider/ksp/KspObjects.h"
 #include "provider/ksp/KspResult.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/CngBlobs.h"
 #include "encoding/Hex.h"
 #include "encoding/PublicKeyForm.h"

@@ -14,7 +14,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/WideNames.h"
 #include "provider/ksp/KspEntries.h"
 #include "provider/ksp/KspObjects.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/Hex.h"
 #include "encoding/ProviderPropertyValues.h"
 #include "encoding/WideNames.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/ProviderPropertyValues.h"
 #include "provider/ksp/KspEntries.h"
 #include "provider/ksp/KspObjects.h"

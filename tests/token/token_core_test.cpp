@@ -6,7 +6,7 @@
 #include <cstring>
 #include <regex>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "softtoken/SoftTokenAdmin.h"
 #include "tests/support/ProviderSupport.h"
 #include "tests/support/TestSupport.h"
