@@ -5,10 +5,11 @@
 namespace orvane::properties {
 
 std::string pinFromPropertyValue(const unsigned char* value, size_t length) {
-    std::string pin;
-    if (value == nullptr) return pin;
-    for (size_t i = 0; i < length && value[i] != 0; ++i) pin.push_back(static_cast<char>(value[i]));
-    return pin;
+    if (value == nullptr) return std::string();
+    // Made at its final size, so that no outgrown copy of the PIN is left in freed memory.
+    size_t end = 0;
+    while (end < length && value[end] != 0) ++end;
+    return std::string(reinterpret_cast<const char*>(value), end);
 }
 
 uint64_t windowHandleFromPropertyValue(const unsigned char* value, size_t length) {

@@ -10,6 +10,8 @@
 // rename over a file that a reader holds open. Readers take no lock: they list the folder only
 // after a change notification on it (or on every call when none can be set up) and parse only
 // when the newest file is not the one they read last.
+// StoreFiles holds the folder's files, WriterLock the writers' lock, CommitWatch how readers
+// learn of a commit; Store.cpp the cache and the read and update logic over them.
 #pragma once
 
 #include <cstdint>

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "token/OrvaneDSCLibrary.h"
 #include "token/Sessions.h"
 

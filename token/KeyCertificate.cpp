@@ -7,8 +7,7 @@ namespace orvane {
 namespace {
 
 std::vector<unsigned char> derOf(const OrvaneCertificate& certificate) {
-    size_t length = static_cast<size_t>(std::clamp<int32_t>(certificate.certLength, 0, sizeof certificate.certData));
-    return std::vector<unsigned char>(certificate.certData, certificate.certData + length);
+    return std::vector<unsigned char>(certificate.certData, certificate.certData + certificateDerLength(certificate));
 }
 
 bool certificateHoldsPublicKey(const OrvaneCertificate& certificate, const KeyPairSnapshot& key) {
@@ -16,11 +15,19 @@ bool certificateHoldsPublicKey(const OrvaneCertificate& certificate, const KeyPa
     std::vector<unsigned char> der = derOf(certificate);
     CertificateDetails details;
     if (orvane_getCertificateDetails(der.data(), static_cast<int>(der.size()), details, nullptr) != 0) return false;
-    return details.publicKey.size() == key.publicKeyLength &&
-           std::memcmp(details.publicKey.data(), key.publicKey, key.publicKeyLength) == 0;
+    return detailsHoldPublicKey(details, key.publicKey, key.publicKeyLength);
 }
 
 }  // namespace
+
+size_t certificateDerLength(const OrvaneCertificate& certificate) {
+    return static_cast<size_t>(
+        std::clamp<int32_t>(certificate.certLength, 0, static_cast<int32_t>(sizeof certificate.certData)));
+}
+
+bool detailsHoldPublicKey(const CertificateDetails& details, const unsigned char* publicKey, size_t length) {
+    return details.publicKey.size() == length && std::equal(details.publicKey.begin(), details.publicKey.end(), publicKey);
+}
 
 bool certificateLinkedToKey(const OrvaneCertificate& certificate, const KeyPairSnapshot& key) {
     bool sameLabel = certificate.label[0] != '\0' && std::strncmp(certificate.label, key.label, 128) == 0;

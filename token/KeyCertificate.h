@@ -1,6 +1,7 @@
 // Finding a key's certificate among the certificates on its token.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,13 @@ enum class CertificateSearch {
     kLabelOrLink,             // same non-empty label, or the same link bytes
     kLabelOrLinkThenPublicKey // failing that, a certificate whose public key is the key's
 };
+
+// The record's DER bytes: its length bounded by the record's field, 0 when negative.
+size_t certificateDerLength(const OrvaneCertificate& certificate);
+
+// The public key that orvane_getCertificateDetails read from a certificate is exactly these
+// bytes (equal lengths, equal bytes).
+bool detailsHoldPublicKey(const CertificateDetails& details, const unsigned char* publicKey, size_t length);
 
 // A certificate record belongs to a key when its label is non-empty and equals the key's
 // label, or its link has the key's link length and bytes (two empty links match).

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/Hex.h"
 #include "token/Sessions.h"
 

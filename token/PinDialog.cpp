@@ -2,39 +2,46 @@
 
 #include <windows.h>
 
-#include "diagnostics/Utils.h"
+#include <cstring>
+#include <string>
+
+#include "diagnostics/Log.h"
 #include "resources/ResourceIds.h"
 
 namespace orvane {
 namespace {
 
-std::string dialogPin;
-
 // The Login button is usable for PINs of 4 to 63 characters.
 bool acceptableLength(int length) { return static_cast<unsigned>(length - 4) < 60u; }
 
-INT_PTR CALLBACK pinDialogProcedure(HWND dialog, UINT message, WPARAM wParam, LPARAM) {
+// The holder that showPinDialog hands over at WM_INITDIALOG.
+SecretBytes* typedPinOf(HWND dialog) { return reinterpret_cast<SecretBytes*>(GetWindowLongPtrA(dialog, DWLP_USER)); }
+
+INT_PTR CALLBACK pinDialogProcedure(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
     switch (message) {
     case WM_INITDIALOG:
+        SetWindowLongPtrA(dialog, DWLP_USER, lParam);
         EnableWindow(GetDlgItem(dialog, IDOK), FALSE);
         return TRUE;
-    case WM_COMMAND:
+    case WM_COMMAND: {
         if (LOWORD(wParam) == IDC_PIN_EDIT) {
             if (HIWORD(wParam) != EN_CHANGE) return FALSE;
             int length = GetWindowTextLengthA(GetDlgItem(dialog, IDC_PIN_EDIT));
             EnableWindow(GetDlgItem(dialog, IDOK), acceptableLength(length) ? TRUE : FALSE);
             return TRUE;
         }
-        if (LOWORD(wParam) == IDOK) {
+        SecretBytes* pin = typedPinOf(dialog);
+        if (LOWORD(wParam) == IDOK && pin != nullptr) {
             char typed[256] = {};
             GetDlgItemTextA(dialog, IDC_PIN_EDIT, typed, sizeof typed);
-            dialogPin = typed;
+            pin->assign(typed, std::strlen(typed));
             SecureZeroMemory(typed, sizeof typed);
-        } else if (LOWORD(wParam) == IDCANCEL) {
-            dialogPin.clear();
+        } else if (LOWORD(wParam) == IDCANCEL && pin != nullptr) {
+            pin->clear();
         }
         EndDialog(dialog, 0);
         return TRUE;
+    }
     case WM_CLOSE:
         EndDialog(dialog, 0);
         return TRUE;
@@ -52,15 +59,15 @@ HINSTANCE thisModule() {
 
 }  // namespace
 
-void showPinDialog() {
-    dialogPin.clear();
+SecretBytes showPinDialog() {
+    SecretBytes pin;
     Utils::logMessage("Password dialog show window");
     Utils::logMessage("Password dialog show window before");
-    INT_PTR result = DialogBoxParamA(thisModule(), MAKEINTRESOURCEA(IDD_VERIFY_PIN), nullptr, pinDialogProcedure, 0);
+    INT_PTR result = DialogBoxParamA(thisModule(), MAKEINTRESOURCEA(IDD_VERIFY_PIN), nullptr, pinDialogProcedure,
+                                     reinterpret_cast<LPARAM>(&pin));
     Utils::logMessage("Password dialog show window after");
     if (result != 0) Utils::logError("Password dialog creation failed : " + std::to_string(result));
+    return pin;
 }
-
-void getDialogPin(std::string& out) { out = dialogPin; }
 
 }  // namespace orvane

@@ -1,12 +1,11 @@
-// The modal "Verify User Pin" dialog. The typed PIN travels through one process-wide
-// string: an empty one after the dialog closes means the user cancelled.
+// The modal "Verify User Pin" dialog. The typed PIN goes straight into the caller's holder:
+// an empty one after the dialog closes means the user cancelled.
 #pragma once
 
-#include <string>
+#include "token/SecretBytes.h"
 
 namespace orvane {
 
-void showPinDialog();
-void getDialogPin(std::string& out);
+SecretBytes showPinDialog();
 
 }  // namespace orvane

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "token/OrvaneDSCLibrary.h"
 #include "token/Pin.h"
 #include "token/Sessions.h"
@@ -18,7 +18,7 @@ const size_t kSignatureRoom = 1024;
 
 // Once with the cached PIN, and once more after an expired sign-on when the call allows it.
 SignOnRetryOutcome runPrivateKeyOperation(const PrivateKeyCall& call,
-                                          const std::function<int(const std::string& pin)>& operation) {
+                                          const std::function<int(const SecretBytes& pin)>& operation) {
     if (call.expiredLogLine == nullptr) {
         SignOnRetryOutcome once;
         once.result = operation(getCachedPin(call.serial));
@@ -33,7 +33,7 @@ PrivateKeyResult signOnToken(const PrivateKeyCall& call, const std::vector<unsig
     PrivateKeyResult outcome;
     std::vector<unsigned char> buffer(std::max(capacity, kSignatureRoom));
     int signatureLength = 0;
-    SignOnRetryOutcome run = runPrivateKeyOperation(call, [&](const std::string& pin) {
+    SignOnRetryOutcome run = runPrivateKeyOperation(call, [&](const SecretBytes& pin) {
             signatureLength = static_cast<int>(std::min<size_t>(capacity, 0x7FFFFFFF));
             return orvane_signHash(call.serial.c_str(), call.keyId, pin.c_str(), digest.data(),
                                    static_cast<int>(digest.size()), buffer.data(), &signatureLength, call.tokenFlag,
@@ -61,7 +61,7 @@ PrivateKeyResult decryptOnToken(const PrivateKeyCall& call, const std::vector<un
         plain = nullptr;
         plainLength = 0;
     };
-    SignOnRetryOutcome run = runPrivateKeyOperation(call, [&](const std::string& pin) {
+    SignOnRetryOutcome run = runPrivateKeyOperation(call, [&](const SecretBytes& pin) {
             release();
             int result = orvane_decrypt(call.serial.c_str(), call.keyId, pin.c_str(), cipher.data(),
                                         static_cast<int>(cipher.size()), &plain, &plainLength, call.tokenFlag,

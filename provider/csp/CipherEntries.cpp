@@ -4,7 +4,7 @@
 #include <cstring>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/ByteOrder.h"
 #include "encoding/Hex.h"
 #include "provider/csp/CspBuffers.h"

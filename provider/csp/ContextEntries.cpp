@@ -4,13 +4,13 @@
 #include <memory>
 #include <new>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
 #include "provider/csp/CspResult.h"
 #include "token/KeyPairFacts.h"
 #include "token/OrvaneDSCLibrary.h"
-#include "token/Sessions.h"
+#include "token/Devices.h"
 
 using namespace orvane;
 using namespace orvane::csp;

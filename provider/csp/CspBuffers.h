@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "provider/csp/CspResult.h"
 
 namespace orvane::csp {

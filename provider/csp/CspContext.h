@@ -45,7 +45,7 @@ inline void releaseContext(CspContext* context) {
 
 // The CryptoAPI PIN check of the context's token; a refusal leaves NTE_FAIL as last error.
 inline bool ensurePinOrFail(const CspContext& context) {
-    if (orvane::ensurePinValidatedCsp(context.serialNumber, context.libraryContext)) return true;
+    if (orvane::ensurePinValidated(context.serialNumber, context.libraryContext, orvane::kCspPinTexts)) return true;
     SetLastError(static_cast<DWORD>(NTE_FAIL));
     return false;
 }

@@ -1,7 +1,7 @@
 // The DER public key of a key handle, with the form decision logged in the caller's words.
 #pragma once
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/PublicKeyForm.h"
 #include "provider/csp/CspKey.h"
 

@@ -8,7 +8,7 @@
 #include <new>
 #include <string>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 
 namespace orvane::csp {
 

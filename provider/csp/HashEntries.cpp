@@ -4,7 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "provider/csp/CspBuffers.h"
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"

@@ -7,7 +7,7 @@
 #include <memory>
 #include <new>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/ByteOrder.h"
 #include "encoding/Der.h"
 #include "encoding/Hex.h"

@@ -5,7 +5,7 @@
 #include <memory>
 #include <new>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/Hex.h"
 #include "provider/csp/CspBuffers.h"
 #include "provider/csp/CspContext.h"

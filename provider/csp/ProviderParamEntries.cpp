@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/Utils.h"
-#include "encoding/CertificateChain.h"
+#include "diagnostics/Log.h"
+#include "token/CertificateChain.h"
 #include "provider/csp/CspBuffers.h"
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
@@ -268,16 +268,9 @@ BOOL WINAPI CPSetProvParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData, 
                 return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
             }
             const char* text = reinterpret_cast<const char*>(pbData);
-            std::string pin(text, strnlen(text, kLongestPin));
-            Utils::logMessage("CPSetProvParam - passwordLength : " + std::to_string(pin.size()));
-            int remainingAttempts = 0;
-            int result = orvane_validatePassword(context->serialNumber.c_str(), pin.c_str(), 1, &remainingAttempts,
-                                                 context->libraryContext);
-            if (result != 0) {
-                Utils::logError("CPSetProvParam - Token password validation failed : " + std::to_string(result));
+            SecretBytes pin(text, strnlen(text, kLongestPin));
+            if (acceptCallerPin(context->serialNumber, pin, context->libraryContext, kCspPinTexts) != 0)
                 return failWith(NTE_KEYSET_ENTRY_BAD);
-            }
-            storeValidatedPin(context->serialNumber, pin);
             return TRUE;
         }
         case PP_USE_HARDWARE_RNG: {

@@ -1,6 +1,6 @@
 // CPGenRandom, filled by the token's generator, and the two entries that exist only to
 // complete the set and always refuse, each with its own code.
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
 #include "provider/csp/CspResult.h"

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/ByteOrder.h"
 #include "encoding/PublicKeyForm.h"
 #include "provider/csp/CspBuffers.h"

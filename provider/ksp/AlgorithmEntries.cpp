@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "provider/ksp/KspEntries.h"
 #include "provider/ksp/KspObjects.h"
 #include "provider/ksp/KspResult.h"
@@ -87,7 +87,8 @@ SECURITY_STATUS WINAPI KSPPromptUser(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HA
     return guardEntry("KSPPromptUser", [&]() -> SECURITY_STATUS {
         KspProvider* provider = providerFromHandle(hProvider);
         if (provider == nullptr) return NTE_INVALID_HANDLE;
-        return ensurePinValidatedKsp(provider->serialNumber, provider->libraryContext) ? ERROR_SUCCESS : NTE_FAIL;
+        return ensurePinValidated(provider->serialNumber, provider->libraryContext, kKspPinTexts) ? ERROR_SUCCESS
+                                                                                                 : NTE_FAIL;
     });
 }
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/CngBlobs.h"
 #include "encoding/Hex.h"
 #include "encoding/PublicKeyForm.h"
@@ -39,7 +39,7 @@ bool signedOnAlready(const KspProvider& provider) {
 SECURITY_STATUS signOn(KspProvider& provider, DWORD flags) {
     bool silent = (flags & cng::kSilentFlag) != 0;
     if (silent && !signedOnAlready(provider)) return NTE_SILENT_CONTEXT;
-    if (!ensurePinValidatedKsp(provider.serialNumber, provider.libraryContext, !silent))
+    if (!ensurePinValidated(provider.serialNumber, provider.libraryContext, kKspPinTexts, !silent))
         return silent ? NTE_SILENT_CONTEXT : NTE_FAIL;
     return ERROR_SUCCESS;
 }
@@ -49,7 +49,8 @@ PrivateKeyCall privateKeyCall(KspProvider& provider, const KspKey& key, bool tok
     bool mayPrompt = (flags & cng::kSilentFlag) == 0;
     return PrivateKeyCall{provider.serialNumber, provider.libraryContext, key.pair.keyId, tokenFlag, expiredLogLine,
                           [&provider, mayPrompt] {
-                              return ensurePinValidatedKsp(provider.serialNumber, provider.libraryContext, mayPrompt);
+                              return ensurePinValidated(provider.serialNumber, provider.libraryContext, kKspPinTexts,
+                                                        mayPrompt);
                           }};
 }
 

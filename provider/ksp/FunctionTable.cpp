@@ -1,5 +1,5 @@
 // GetKeyStorageInterface and the version-1.0 table it hands the CNG router.
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "provider/ksp/KspEntries.h"
 #include "provider/ksp/KspInterface.h"
 

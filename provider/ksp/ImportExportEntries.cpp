@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/CngBlobs.h"
 #include "encoding/Der.h"
 #include "encoding/Hex.h"

@@ -14,7 +14,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/WideNames.h"
 #include "provider/ksp/KspEntries.h"
 #include "provider/ksp/KspObjects.h"
@@ -322,7 +322,7 @@ SECURITY_STATUS WINAPI KSPFinalizeKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_H
         KspKey* key = keyFromHandle(hKey);
         if (provider == nullptr || key == nullptr) return NTE_INVALID_HANDLE;
         if (key->onToken) return ERROR_SUCCESS;
-        if (!ensurePinValidatedKsp(provider->serialNumber, provider->libraryContext)) return NTE_FAIL;
+        if (!ensurePinValidated(provider->serialNumber, provider->libraryContext, kKspPinTexts)) return NTE_FAIL;
 
         // Settled here but kept only once the token has generated the key.
         int32_t keyType = key->pair.keyType;
@@ -361,7 +361,7 @@ SECURITY_STATUS WINAPI KSPDeleteKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HAN
         KspProvider* provider = providerFromHandle(hProvider);
         KspKey* key = keyFromHandle(hKey);
         if (provider == nullptr || key == nullptr) return NTE_INVALID_HANDLE;
-        if (!ensurePinValidatedKsp(provider->serialNumber, provider->libraryContext)) return NTE_FAIL;
+        if (!ensurePinValidated(provider->serialNumber, provider->libraryContext, kKspPinTexts)) return NTE_FAIL;
         int result = orvane_deleteKeyPair(provider->serialNumber.c_str(), key->pair.keyId,
                                           getCachedPin(provider->serialNumber).c_str(), key->pair.tokenFlag,
                                           provider->libraryContext);

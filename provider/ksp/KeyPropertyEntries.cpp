@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/Hex.h"
 #include "encoding/ProviderPropertyValues.h"
 #include "encoding/WideNames.h"
@@ -134,7 +134,7 @@ SECURITY_STATUS setChainingMode(KspKey& key, PBYTE pbInput, DWORD cbInput) {
 SECURITY_STATUS storeCertificate(const KspProvider& provider, const KspKey& key, PBYTE pbInput, DWORD cbInput) {
     OrvaneCertificate record{};
     if (pbInput == nullptr || cbInput == 0 || cbInput > sizeof record.certData) return NTE_INVALID_PARAMETER;
-    if (!ensurePinValidatedKsp(provider.serialNumber, provider.libraryContext)) return NTE_FAIL;
+    if (!ensurePinValidated(provider.serialNumber, provider.libraryContext, kKspPinTexts)) return NTE_FAIL;
     std::memcpy(record.certData, pbInput, cbInput);
     record.certLength = static_cast<int32_t>(cbInput);
     // The key's identifier goes in the link field, the only named field that can carry it.
@@ -200,8 +200,8 @@ SECURITY_STATUS WINAPI KSPSetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KE
         if (isProperty(pszProperty, L"IV")) return setIv(*key, pbInput, cbInput);
         if (isProperty(pszProperty, L"SmartCardPin")) {
             if (pbInput == nullptr) return NTE_INVALID_PARAMETER;
-            std::string pin = properties::pinFromPropertyValue(pbInput, cbInput);
-            return acceptCallerPinKsp(provider->serialNumber, pin, provider->libraryContext) == 0
+            SecretBytes pin(properties::pinFromPropertyValue(pbInput, cbInput));
+            return acceptCallerPin(provider->serialNumber, pin, provider->libraryContext, kKspPinTexts) == 0
                        ? ERROR_SUCCESS
                        : NTE_VALIDATION_FAILED;
         }

@@ -12,7 +12,7 @@
 #include <new>
 #include <string>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 
 namespace orvane::ksp {
 

@@ -7,14 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "encoding/ProviderPropertyValues.h"
 #include "provider/ksp/KspEntries.h"
 #include "provider/ksp/KspObjects.h"
 #include "provider/ksp/KspResult.h"
 #include "token/OrvaneDSCLibrary.h"
 #include "token/Pin.h"
-#include "token/Sessions.h"
+#include "token/Devices.h"
 
 namespace orvane::ksp {
 namespace {
@@ -49,8 +49,8 @@ const ProviderPropertyValue* findProviderProperty(LPCWSTR name) {
 
 SECURITY_STATUS setPin(KspProvider& provider, PBYTE pbInput, DWORD cbInput) {
     if (pbInput == nullptr) return NTE_INVALID_PARAMETER;
-    std::string pin = properties::pinFromPropertyValue(pbInput, cbInput);
-    return acceptCallerPinKsp(provider.serialNumber, pin, provider.libraryContext) == 0 ? ERROR_SUCCESS
+    SecretBytes pin(properties::pinFromPropertyValue(pbInput, cbInput));
+    return acceptCallerPin(provider.serialNumber, pin, provider.libraryContext, kKspPinTexts) == 0 ? ERROR_SUCCESS
                                                                                         : NTE_VALIDATION_FAILED;
 }
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 
 namespace orvane::registration {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <new>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "provider/registration/CngRegistration.h"
 
 using namespace orvane::registration;

@@ -1,14 +1,18 @@
-// Container chains built from certificates made by OpenSSL, and the PKCS#7 encoder's answers.
-// crypt32 reading the three-certificate chain is checked through PP_CERTCHAIN in params_test.
+// Container chains built from certificates made by OpenSSL, the chain export's answers, and the
+// PKCS#7 encoder read back by crypt32's decoder. crypt32 reading the three-certificate chain
+// through PP_CERTCHAIN is checked in params_test.
 #include <windows.h>
 #include <wincrypt.h>
 
 #include <gtest/gtest.h>
 
-#include "encoding/CertificateChain.h"
+#include <algorithm>
+
+#include "encoding/Pkcs7.h"
 #include "softtoken/SoftTokenAdmin.h"
 #include "tests/support/ProviderSupport.h"
 #include "tests/support/TestSupport.h"
+#include "token/CertificateChain.h"
 
 using namespace orvanetest;
 namespace admin = softtoken::admin;
@@ -107,6 +111,39 @@ TEST_F(CertificateChainTest, Pkcs7AnswersSizeQuestionsAndRefusesAMissingOrUnread
     outcome = orvane::encodeChainAsPkcs7({garbage}, nullptr, &length);
     EXPECT_TRUE(!outcome.ok && outcome.lastError == static_cast<DWORD>(NTE_BAD_KEY)) << outcome.lastError;
     EXPECT_EQ(1u, orvane::buildIssuerChain(0, {garbage}).size());
+}
+
+TEST_F(CertificateChainTest, EncoderHoldsEveryCertificateGivenAndNoSigner) {
+    std::vector<Bytes> ders = files({"root.der", "inter.der", "leaf.der"});
+    std::vector<CERT_BLOB> blobs;
+    for (Bytes& der : ders) blobs.push_back(CERT_BLOB{static_cast<DWORD>(der.size()), der.data()});
+    DWORD size = 0;
+    ASSERT_EQ(orvane::Pkcs7Encoding::kSizeOnly, orvane::encodeCertificatesAsPkcs7(blobs, nullptr, &size));
+    Bytes message(size);
+    ASSERT_EQ(orvane::Pkcs7Encoding::kWritten, orvane::encodeCertificatesAsPkcs7(blobs, message.data(), &size));
+
+    HCRYPTMSG decoder = CryptMsgOpenToDecode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, 0, 0, nullptr, nullptr);
+    ASSERT_TRUE(decoder != nullptr);
+    ASSERT_TRUE(CryptMsgUpdate(decoder, message.data(), size, TRUE));
+    DWORD count = 0, length = sizeof count;
+    ASSERT_TRUE(CryptMsgGetParam(decoder, CMSG_CERT_COUNT_PARAM, 0, &count, &length));
+    std::vector<Bytes> decoded;
+    for (DWORD index = 0; index < count; ++index) {
+        length = 0;
+        CryptMsgGetParam(decoder, CMSG_CERT_PARAM, index, nullptr, &length);
+        Bytes certificate(length);
+        CryptMsgGetParam(decoder, CMSG_CERT_PARAM, index, certificate.data(), &length);
+        decoded.push_back(certificate);
+    }
+    DWORD signers = 1;
+    length = sizeof signers;
+    EXPECT_TRUE(CryptMsgGetParam(decoder, CMSG_SIGNER_COUNT_PARAM, 0, &signers, &length));
+    CryptMsgClose(decoder);
+    // A SET OF: Wine's encoder sorts the certificates by their encoding.
+    std::sort(ders.begin(), ders.end());
+    std::sort(decoded.begin(), decoded.end());
+    EXPECT_EQ(ders, decoded);
+    EXPECT_EQ(0u, signers);
 }
 
 TEST_F(CertificateChainTest, IssuersNamingEachOtherEndTheWalk) {

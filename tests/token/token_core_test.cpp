@@ -6,10 +6,11 @@
 #include <cstring>
 #include <regex>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 #include "softtoken/SoftTokenAdmin.h"
 #include "tests/support/ProviderSupport.h"
 #include "tests/support/TestSupport.h"
+#include "token/Devices.h"
 #include "token/KeyCertificate.h"
 #include "token/Sessions.h"
 
@@ -127,25 +128,44 @@ TEST(SessionTable, PinAndDeviceStateLiveApartAndForgettingAPinCreatesNothing) {
     const std::string serial = "SESSION-RULES";
     orvane::clearPin(serial);
     EXPECT_FALSE(orvane::isPinValidated(serial));
-    EXPECT_EQ("", orvane::getCachedPin(serial));
+    EXPECT_STREQ("", orvane::getCachedPin(serial).c_str());
     std::vector<std::string> removed = orvane::removeSessionsExcept({});
     EXPECT_EQ(removed.end(), std::find(removed.begin(), removed.end(), serial)) << "clearPin made an entry";
 
     orvane::markDeviceInitialized(serial);
-    orvane::storeValidatedPin(serial, "1234");
+    orvane::storeValidatedPin(serial, orvane::SecretBytes("1234", 4));
     EXPECT_TRUE(orvane::isPinValidated(serial));
-    EXPECT_EQ("1234", orvane::getCachedPin(serial));
+    EXPECT_STREQ("1234", orvane::getCachedPin(serial).c_str());
     orvane::clearPin(serial);
     EXPECT_FALSE(orvane::isPinValidated(serial));
-    EXPECT_EQ("", orvane::getCachedPin(serial));
+    EXPECT_STREQ("", orvane::getCachedPin(serial).c_str());
     EXPECT_TRUE(orvane::isDeviceInitialized(serial)) << "forgetting the PIN keeps the device initialised";
 
     // Single sign-on stands in for the PIN: validated, with nothing cached.
-    orvane::storeValidatedPin(serial, "");
+    orvane::storeValidatedPin(serial, orvane::SecretBytes());
     EXPECT_TRUE(orvane::isPinValidated(serial));
     orvane::removeSession(serial);
     EXPECT_FALSE(orvane::isDeviceInitialized(serial));
     EXPECT_FALSE(orvane::isPinValidated(serial));
+}
+
+TEST(SecretBytes, HoldersOwnTheirTextAndTakingAStringWipesIt) {
+    std::string typed = "a PIN longer than the short-string buffer";
+    const std::string expected = typed;
+    orvane::SecretBytes held(std::move(typed));
+    EXPECT_TRUE(typed.empty());
+    EXPECT_EQ(expected, held.c_str());
+
+    orvane::SecretBytes copy = held;
+    held.assign(held.c_str() + 2, 3);  // from its own text
+    EXPECT_STREQ("PIN", held.c_str());
+    EXPECT_EQ(expected, copy.c_str());
+    orvane::SecretBytes moved = std::move(copy);
+    EXPECT_TRUE(copy.empty());
+    EXPECT_STREQ("", copy.c_str());
+    EXPECT_EQ(expected.size(), moved.size());
+    moved.clear();
+    EXPECT_TRUE(moved.empty());
 }
 
 TEST(KeyCertificateLookup, LabelOrLinkFirstAndThePublicKeyOnlyWhenAsked) {

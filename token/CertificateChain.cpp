@@ -1,11 +1,13 @@
-#include "encoding/CertificateChain.h"
+#include "token/CertificateChain.h"
 
 #include <wincrypt.h>
 
 #include <algorithm>
 #include <cstring>
 
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
+#include "encoding/Pkcs7.h"
+#include "token/KeyCertificate.h"
 #include "token/KeyPairFacts.h"
 
 namespace orvane {
@@ -13,16 +15,12 @@ namespace {
 
 const DWORD kCertificateEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
-DWORD derLengthOf(const OrvaneCertificate& certificate) {
-    return static_cast<DWORD>(std::clamp<int32_t>(certificate.certLength, 0, static_cast<int32_t>(sizeof certificate.certData)));
-}
-
 // A parsed certificate, released when it goes out of scope.
 class ParsedCertificate {
 public:
     explicit ParsedCertificate(const OrvaneCertificate& certificate)
         : context_(CertCreateCertificateContext(kCertificateEncoding, certificate.certData,
-                                                derLengthOf(certificate))) {}
+                                                static_cast<DWORD>(certificateDerLength(certificate)))) {}
     ~ParsedCertificate() {
         if (context_) CertFreeCertificateContext(context_);
     }
@@ -47,24 +45,16 @@ bool sameName(const CERT_NAME_BLOB& first, const CERT_NAME_BLOB& second) {
                                       const_cast<CERT_NAME_BLOB*>(&second)) != FALSE;
 }
 
-bool holdsPublicKey(const CertificateDetails& details, const OrvaneKeyPair& keyPair) {
-    size_t length = static_cast<size_t>(std::clamp<int32_t>(keyPair.publicKeyLength, 0, static_cast<int32_t>(sizeof keyPair.publicKey)));
-    return details.publicKey.size() == length &&
-           std::equal(details.publicKey.begin(), details.publicKey.end(), keyPair.publicKey);
-}
-
-// Everything the encoder opens, closed in reverse on every path.
-struct EncodingResources {
+// Everything the export opens, closed in reverse on every path.
+struct ChainResources {
     PCCERT_CONTEXT leaf = nullptr;
     HCERTSTORE store = nullptr;
     PCCERT_CHAIN_CONTEXT chain = nullptr;
-    HCRYPTMSG message = nullptr;
 
-    EncodingResources() = default;
-    EncodingResources(const EncodingResources&) = delete;
-    EncodingResources& operator=(const EncodingResources&) = delete;
-    ~EncodingResources() {
-        if (message) CryptMsgClose(message);
+    ChainResources() = default;
+    ChainResources(const ChainResources&) = delete;
+    ChainResources& operator=(const ChainResources&) = delete;
+    ~ChainResources() {
         if (chain) CertFreeCertificateChain(chain);
         if (store) CertCloseStore(store, 0);
         if (leaf) CertFreeCertificateContext(leaf);
@@ -79,11 +69,13 @@ std::map<std::string, CertificateChain> buildContainerChains(const std::vector<O
     for (size_t index = 0; index < certificates.size(); ++index) {
         const OrvaneCertificate& certificate = certificates[index];
         CertificateDetails details;
-        if (orvane_getCertificateDetails(certificate.certData, static_cast<int>(derLengthOf(certificate)), details,
-                                         nullptr) != 0)
+        if (orvane_getCertificateDetails(certificate.certData, static_cast<int>(certificateDerLength(certificate)),
+                                         details, nullptr) != 0)
             continue;
         for (const OrvaneKeyPair& keyPair : keyPairs) {
-            if (!holdsPublicKey(details, keyPair)) continue;
+            size_t keyLength = static_cast<size_t>(
+                std::clamp<int32_t>(keyPair.publicKeyLength, 0, static_cast<int32_t>(sizeof keyPair.publicKey)));
+            if (!detailsHoldPublicKey(details, keyPair.publicKey, keyLength)) continue;
             std::string container = containerNameOf(keyPair);
             Utils::logMessage("Public key match found; container=" + container);
             chains[container] = buildIssuerChain(index, certificates);
@@ -127,9 +119,9 @@ Pkcs7Outcome encodeChainAsPkcs7(const CertificateChain& chain, BYTE* buffer, DWO
         Utils::logError("Certificate Is Empty");
         return {false, static_cast<DWORD>(NTE_NO_KEY)};
     }
-    EncodingResources resources;
+    ChainResources resources;
     resources.leaf = CertCreateCertificateContext(kCertificateEncoding, chain.front().certData,
-                                                  derLengthOf(chain.front()));
+                                                  static_cast<DWORD>(certificateDerLength(chain.front())));
     if (resources.leaf == nullptr) {
         Utils::logError("Failed creating leaf certificate");
         return {false, static_cast<DWORD>(NTE_BAD_KEY)};
@@ -169,24 +161,12 @@ Pkcs7Outcome encodeChainAsPkcs7(const CertificateChain& chain, BYTE* buffer, DWO
         return {false, 0};
     }
 
-    CMSG_SIGNED_ENCODE_INFO info;
-    std::memset(&info, 0, sizeof info);
-    info.cbSize = sizeof info;
-    info.cCertEncoded = static_cast<DWORD>(encoded.size());
-    info.rgCertEncoded = encoded.data();
-    resources.message = CryptMsgOpenToEncode(kCertificateEncoding, 0, CMSG_SIGNED, &info, nullptr, nullptr);
-    if (resources.message == nullptr) return {false, 0};
-
-    // Without the final update the inner content type comes out empty.
-    CryptMsgUpdate(resources.message, nullptr, 0, TRUE);
-    DWORD size = 0;
-    if (!CryptMsgGetParam(resources.message, CMSG_CONTENT_PARAM, 0, nullptr, &size)) return {false, 0};
-    if (buffer != nullptr && *length >= size) {
-        if (!CryptMsgGetParam(resources.message, CMSG_CONTENT_PARAM, 0, buffer, length)) return {false, 0};
-        return {true, 0};
+    switch (encodeCertificatesAsPkcs7(encoded, buffer, length)) {
+    case Pkcs7Encoding::kWritten: return {true, 0};
+    case Pkcs7Encoding::kSizeOnly: return {true, static_cast<DWORD>(ERROR_MORE_DATA)};
+    case Pkcs7Encoding::kRefused: break;
     }
-    *length = size;
-    return {true, static_cast<DWORD>(ERROR_MORE_DATA)};
+    return {false, 0};
 }
 
 }  // namespace orvane

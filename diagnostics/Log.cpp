@@ -1,4 +1,4 @@
-#include "diagnostics/Utils.h"
+#include "diagnostics/Log.h"
 
 #include <windows.h>
 #include <psapi.h>

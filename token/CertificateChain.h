@@ -1,5 +1,5 @@
-// The certificate chain of a container, from the certificates on its token, and its
-// encoding as a certificates-only PKCS#7 SignedData (what PP_CERTCHAIN hands out).
+// The certificate chain of a container, from the certificates on its token, and its export
+// as a certificates-only PKCS#7 SignedData (what PP_CERTCHAIN hands out).
 // Nothing here sets the last error: the entry point does that from the outcome.
 #pragma once
 
@@ -30,8 +30,9 @@ struct Pkcs7Outcome {
     DWORD lastError;  // 0 = leave the last error alone
 };
 
-// Root first, leaf last. A null buffer or one shorter than the message is a size answer:
-// ok with ERROR_MORE_DATA and the size in *length.
+// The chain engine completes the chain from the leaf, with the chain's certificates as its
+// extra store; the message lists root first, leaf last. A null buffer or one shorter than the
+// message is a size answer: ok with ERROR_MORE_DATA and the size in *length.
 Pkcs7Outcome encodeChainAsPkcs7(const CertificateChain& chain, BYTE* buffer, DWORD* length);
 
 }  // namespace orvane

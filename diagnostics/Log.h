@@ -2,6 +2,11 @@
 // written at the level set by the registry value HKLM\Software\Kestrelon\Orvane\logLevel,
 // which is watched for changes so logging can be switched while a host runs. The day's file
 // stays open between lines.
+//
+// Some texts written here or shown to the user are misspelt on purpose: "Kidly" (the CSP's
+// clock-mismatch message), "Crete hash algorithm", "defaukt", "Emport", "Contest", "exhange"
+// (CSP log lines). They are spelt as the system must write them, since log readers and tests
+// match them byte for byte: do not correct them.
 #pragma once
 
 #include <string>
