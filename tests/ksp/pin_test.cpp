@@ -21,9 +21,8 @@ const char kSerial[] = "KSP-PIN-1";
 class KspPinTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        useFreshStore("ksp-pin");
-        ASSERT_EQ(0, admin::createToken(kSerial, "KSP pin token", "1234", 5));
-        ASSERT_EQ(0, admin::generateKeyPair(kSerial, ORVANE_KEY_RSA_1024, "", 3, 0, keyId_));
+        freshToken(kSerial, false);
+        keyId_ = newKeyPair(kSerial, ORVANE_KEY_RSA_1024);
     }
     void SetUp() override { ASSERT_EQ(0, provider_.status()); }
 
