@@ -143,7 +143,9 @@ TEST_F(ProviderParams, PinGivenThroughTheProviderSparesTheDialog) {
 }
 
 TEST_F(ProviderParams, CertificateChainHoldsRootIntermediateAndLeaf) {
-    ProvisionedKey leaf = provisionKeyWithCertificate("PARAMS-1", ORVANE_KEY_RSA_2048, 1);
+    // A token of its own, so that the other cases' containers stay as they are.
+    addToken("PARAMS-CHAIN", false);
+    ProvisionedKey leaf = provisionKeyWithCertificate("PARAMS-CHAIN", ORVANE_KEY_RSA_2048, 1);
     // Re-issue the leaf under an intermediate so that the chain has three links.
     HostResult host = runHost(
         "set -e\n"
@@ -158,9 +160,9 @@ TEST_F(ProviderParams, CertificateChainHoldsRootIntermediateAndLeaf) {
         "openssl x509 -in ca.pem -outform DER -out ca.der\n");
     ASSERT_EQ(0, host.exitCode) << host.output;
     std::string linked;
-    ASSERT_EQ(0, admin::importCertificate("PARAMS-1", readFile(workDir() + "/ca.der"), "root", linked));
-    ASSERT_EQ(0, admin::importCertificate("PARAMS-1", readFile(workDir() + "/mid.der"), "intermediate", linked));
-    ASSERT_EQ(0, admin::importCertificate("PARAMS-1", readFile(workDir() + "/leaf.der"), "", linked));
+    ASSERT_EQ(0, admin::importCertificate("PARAMS-CHAIN", readFile(workDir() + "/ca.der"), "root", linked));
+    ASSERT_EQ(0, admin::importCertificate("PARAMS-CHAIN", readFile(workDir() + "/mid.der"), "intermediate", linked));
+    ASSERT_EQ(0, admin::importCertificate("PARAMS-CHAIN", readFile(workDir() + "/leaf.der"), "", linked));
 
     ContextHandle provider(leaf.keyId);
     DWORD size = 0;
