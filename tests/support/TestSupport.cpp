@@ -104,17 +104,17 @@ HostResult runHost(const std::string& script) {
 }
 
 int runTool(const std::string& arguments) {
-    std::string command = "\"" + windowsPath(environment("ORVANE_BIN")) + "\\orvane-token.exe\" " + arguments;
+    return runCommand("\"" + windowsPath(environment("ORVANE_BIN")) + "\\orvane-token.exe\" " + arguments);
+}
+
+int runCommand(const std::string& commandLine) {
+    std::string command = commandLine;
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process{};
     if (!CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) return -1;
-    WaitForSingleObject(process.hProcess, INFINITE);
-    DWORD exitCode = 0;
-    GetExitCodeProcess(process.hProcess, &exitCode);
-    CloseHandle(process.hProcess);
     CloseHandle(process.hThread);
-    return static_cast<int>(exitCode);
+    return finish(process.hProcess);
 }
 
 void* startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile) {

@@ -26,6 +26,8 @@ struct HostResult {
 // children or pass their exit codes, so the script reports through files that we poll.
 HostResult runHost(const std::string& script);
 
+// Runs a Windows command line as a separate process and returns its exit code (-1: it did not start).
+int runCommand(const std::string& commandLine);
 // Runs the provisioning tool as a separate Windows process and returns its exit code.
 int runTool(const std::string& arguments);
 // Starts a program of the build's bin folder as a separate process with its stdout and stderr
