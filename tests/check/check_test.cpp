@@ -60,43 +60,22 @@ bool starts(const std::string& line, const std::string& outcome) {
     return line.compare(0, outcome.size(), outcome) == 0;
 }
 
+// The line of a step about a subject begins with the outcome and holds the text.
+::testing::AssertionResult reports(const std::string& part, const std::string& step, const std::string& subject,
+                                   const std::string& outcome, const std::string& text = "") {
+    std::string line = lineOf(part, step, subject);
+    if (starts(line, outcome) && line.find(text) != std::string::npos) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "not " << outcome << " " << text << ": " << line << "\n" << part;
+}
+
 // orvane-check.exe from the build with its report in a file; a run that outlasts the limit
 // (a dialog nobody answers) is ended and reported as exit code -1.
 CheckRun runCheck(const std::string& arguments) {
-    char bin[MAX_PATH] = {};
-    GetEnvironmentVariableA("ORVANE_BIN", bin, sizeof bin);
     std::string reportFile = workDir() + "/report.txt";
-    SECURITY_ATTRIBUTES inheritable = {sizeof inheritable, nullptr, TRUE};
-    HANDLE file = CreateFileA(windowsPath(reportFile).c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable,
-                              CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    std::string command = "\"" + windowsPath(bin) + "\\orvane-check.exe\" " + arguments;
-    STARTUPINFOA startup = {};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = file;
-    startup.hStdError = file;
-    PROCESS_INFORMATION process = {};
     CheckRun run;
-    BOOL started =
-        CreateProcessA(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
-    CloseHandle(file);
-    if (!started) {
-        run.output = "cannot start " + command;
-        return run;
-    }
-    if (WaitForSingleObject(process.hProcess, kRunLimitMs) == WAIT_TIMEOUT) {
-        TerminateProcess(process.hProcess, 1);
-        WaitForSingleObject(process.hProcess, 10000);
-    } else {
-        DWORD exitCode = 0;
-        GetExitCodeProcess(process.hProcess, &exitCode);
-        run.exitCode = static_cast<int>(exitCode);
-    }
-    CloseHandle(process.hProcess);
-    CloseHandle(process.hThread);
+    run.exitCode = finish(startProgram("orvane-check.exe", arguments, reportFile), kRunLimitMs);
     Bytes report = readFile(reportFile);
-    run.output.append(report.begin(), report.end());
+    run.output.assign(report.begin(), report.end());
     return run;
 }
 
@@ -111,7 +90,7 @@ class OrvaneCheck : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         useFreshStore("check");
-        ASSERT_EQ(0, admin::createToken(kSerial, "Check token", kPin, kRetries));
+        addToken(kSerial, false, kRetries);
         rsa_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_RSA_2048, 1).keyId;
         ec_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_EC_P256, 1).keyId;
     }
@@ -139,71 +118,61 @@ TEST_F(OrvaneCheck, PassesForRsaAndEcKeysWithCertificates) {
     CheckRun run = runCheck(std::string("--pin ") + kPin);
     ASSERT_EQ(0, run.exitCode) << run.output;
     EXPECT_EQ(std::string::npos, run.output.find("FAIL")) << run.output;
+    EXPECT_NE(std::string::npos, run.output.find(", 0 failed,")) << run.output;
 
-    std::string csp = run.section("CryptoAPI");
-    EXPECT_TRUE(starts(lineOf(csp, "CryptAcquireContext"), "PASS")) << csp;
-    EXPECT_TRUE(starts(lineOf(csp, "PIN (PP_SIGNATURE_PIN)"), "PASS")) << csp;
+    std::string csp = run.section("CryptoAPI"), ksp = run.section("Key storage provider");
+    EXPECT_TRUE(reports(csp, "CryptAcquireContext", "", "PASS"));
+    EXPECT_TRUE(reports(csp, "PIN (PP_SIGNATURE_PIN)", "", "PASS"));
+    EXPECT_TRUE(reports(ksp, "KSPOpenProvider + KSPEnumKeys", "", "PASS"));
+    EXPECT_TRUE(reports(ksp, "PIN (SmartCardPin property)", "", "PASS"));
     for (const std::string& key : {rsa_, ec_}) {
         for (const char* step : {"certificate (KP_CERTIFICATE)", "CryptSignHash (SHA-256)",
                                  "CryptVerifySignature (provider)", "verify with Windows' own crypto"})
-            EXPECT_TRUE(starts(lineOf(csp, step, key), "PASS")) << step << " " << key << "\n" << csp;
+            EXPECT_TRUE(reports(csp, step, key, "PASS"));
+        for (const char* step : {"certificate (SmartCardKeyCertificate)", "KSPSignHash (SHA-256)",
+                                 "KSPVerifySignature (provider)", "verify with Windows' own crypto"})
+            EXPECT_TRUE(reports(ksp, step, key, "PASS"));
     }
     // The RSA key's exported blob is checked against its certificate and then used by the
     // system's RSA provider; the provider exports no EC key, so the certificate stands in.
-    EXPECT_TRUE(starts(lineOf(csp, "CryptExportKey", rsa_), "PASS")) << csp;
-    EXPECT_NE(std::string::npos, lineOf(csp, "CryptExportKey", rsa_).find("the public key of the key's certificate"));
-    EXPECT_NE(std::string::npos, lineOf(csp, "verify with Windows' own crypto", rsa_).find("Microsoft Enhanced RSA"));
-    EXPECT_TRUE(starts(lineOf(csp, "CryptExportKey", ec_), "SKIP")) << csp;
-    EXPECT_NE(std::string::npos, lineOf(csp, "CryptExportKey", ec_).find("NTE_BAD_KEY"));
-    EXPECT_NE(std::string::npos, lineOf(csp, "verify with Windows' own crypto", ec_).find("certificate's key"));
-
-    std::string ksp = run.section("Key storage provider");
-    EXPECT_TRUE(starts(lineOf(ksp, "KSPOpenProvider + KSPEnumKeys"), "PASS")) << ksp;
-    EXPECT_TRUE(starts(lineOf(ksp, "PIN (SmartCardPin property)"), "PASS")) << ksp;
-    for (const std::string& key : {rsa_, ec_}) {
-        for (const char* step : {"certificate (SmartCardKeyCertificate)", "KSPSignHash (SHA-256)",
-                                 "KSPVerifySignature (provider)", "verify with Windows' own crypto"})
-            EXPECT_TRUE(starts(lineOf(ksp, step, key), "PASS")) << step << " " << key << "\n" << ksp;
-    }
-    EXPECT_TRUE(starts(lineOf(ksp, "KSPExportKey (RSAPUBLICBLOB)", rsa_), "PASS")) << ksp;
-    EXPECT_TRUE(starts(lineOf(ksp, "KSPExportKey (ECCPUBLICBLOB)", ec_), "SKIP")) << ksp;
-    EXPECT_NE(std::string::npos, run.output.find(", 0 failed,")) << run.output;
+    EXPECT_TRUE(reports(csp, "CryptExportKey", rsa_, "PASS", "the public key of the key's certificate"));
+    EXPECT_TRUE(reports(csp, "verify with Windows' own crypto", rsa_, "PASS", "Microsoft Enhanced RSA"));
+    EXPECT_TRUE(reports(csp, "CryptExportKey", ec_, "SKIP", "NTE_BAD_KEY"));
+    EXPECT_TRUE(reports(csp, "verify with Windows' own crypto", ec_, "PASS", "certificate's key"));
+    EXPECT_TRUE(reports(ksp, "KSPExportKey (RSAPUBLICBLOB)", rsa_, "PASS"));
+    EXPECT_TRUE(reports(ksp, "KSPExportKey (ECCPUBLICBLOB)", ec_, "SKIP"));
 }
 
 TEST_F(OrvaneCheck, NeedsNoPinWhileTokenManagerHasSignedOn) {
     ASSERT_EQ(0, admin::setSignOn(kSerial, 1, 1));
     CheckRun run = runCheck("");
     EXPECT_EQ(0, run.exitCode) << run.output;
-    EXPECT_TRUE(starts(lineOf(run.section("CryptoAPI"), "PIN (PP_SIGNATURE_PIN)"), "SKIP")) << run.output;
-    EXPECT_TRUE(starts(lineOf(run.section("CryptoAPI"), "CryptSignHash", ec_), "PASS")) << run.output;
-    EXPECT_TRUE(starts(lineOf(run.section("Key storage provider"), "KSPSignHash", rsa_), "PASS")) << run.output;
+    EXPECT_TRUE(reports(run.section("CryptoAPI"), "PIN (PP_SIGNATURE_PIN)", "", "SKIP"));
+    EXPECT_TRUE(reports(run.section("CryptoAPI"), "CryptSignHash", ec_, "PASS"));
+    EXPECT_TRUE(reports(run.section("Key storage provider"), "KSPSignHash", rsa_, "PASS"));
 }
 
 TEST_F(OrvaneCheck, ReportsAnUnpluggedTokenOnBothFaces) {
     ASSERT_EQ(0, admin::setPlugged(kSerial, false));
     CheckRun run = runCheck(std::string("--pin ") + kPin);
     EXPECT_EQ(1, run.exitCode) << run.output;
-    std::string acquire = lineOf(run.section("CryptoAPI"), "CryptAcquireContext");
-    EXPECT_TRUE(starts(acquire, "FAIL")) << acquire;
-    EXPECT_NE(std::string::npos, acquire.find("0x80090023 NTE_TOKEN_KEYSET_STORAGE_FULL: ")) << acquire;
-    EXPECT_NE(std::string::npos, acquire.find("no token is connected")) << acquire;
-    std::string open = lineOf(run.section("Key storage provider"), "KSPOpenProvider");
-    EXPECT_TRUE(starts(open, "FAIL")) << open;
-    EXPECT_NE(std::string::npos, open.find("0x80090035 NTE_DEVICE_NOT_FOUND: ")) << open;
+    EXPECT_TRUE(reports(run.section("CryptoAPI"), "CryptAcquireContext", "", "FAIL",
+                        "0x80090023 NTE_TOKEN_KEYSET_STORAGE_FULL: "));
+    EXPECT_TRUE(reports(run.section("CryptoAPI"), "CryptAcquireContext", "", "FAIL", "no token is connected"));
+    EXPECT_TRUE(reports(run.section("Key storage provider"), "KSPOpenProvider", "", "FAIL",
+                        "0x80090035 NTE_DEVICE_NOT_FOUND: "));
 }
 
 TEST_F(OrvaneCheck, TriesAWrongPinOnceAndSignsNothing) {
     CheckRun run = runCheck("--pin 9999");
     EXPECT_EQ(1, run.exitCode) << run.output;
     std::string csp = run.section("CryptoAPI"), ksp = run.section("Key storage provider");
-    std::string pin = lineOf(csp, "PIN (PP_SIGNATURE_PIN)");
-    EXPECT_TRUE(starts(pin, "FAIL")) << pin;
-    EXPECT_NE(std::string::npos, pin.find("0x8009001A NTE_KEYSET_ENTRY_BAD: ")) << pin;
-    EXPECT_NE(std::string::npos, pin.find("the token refused the PIN")) << pin;
-    EXPECT_TRUE(starts(lineOf(ksp, "PIN (SmartCardPin property)"), "SKIP")) << ksp;
+    EXPECT_TRUE(reports(csp, "PIN (PP_SIGNATURE_PIN)", "", "FAIL", "0x8009001A NTE_KEYSET_ENTRY_BAD: "));
+    EXPECT_TRUE(reports(csp, "PIN (PP_SIGNATURE_PIN)", "", "FAIL", "the token refused the PIN"));
+    EXPECT_TRUE(reports(ksp, "PIN (SmartCardPin property)", "", "SKIP"));
     for (const std::string& key : {rsa_, ec_}) {
-        EXPECT_TRUE(starts(lineOf(csp, "CryptSignHash", key), "SKIP")) << csp;
-        EXPECT_TRUE(starts(lineOf(ksp, "KSPSignHash", key), "SKIP")) << ksp;
+        EXPECT_TRUE(reports(csp, "CryptSignHash", key, "SKIP"));
+        EXPECT_TRUE(reports(ksp, "KSPSignHash", key, "SKIP"));
     }
     // One attempt used up, not one per face.
     EXPECT_EQ(kRetries - 1, orvane_getTokenInfo(kSerial, nullptr).pinRetriesLeft);
@@ -215,12 +184,8 @@ TEST_F(OrvaneCheck, ReportsTokenOperationsThatFail) {
     CheckRun signing = runCheck(std::string("--pin ") + kPin);
     EXPECT_EQ(1, signing.exitCode) << signing.output;
     for (const std::string& key : {rsa_, ec_}) {
-        std::string csp = lineOf(signing.section("CryptoAPI"), "CryptSignHash", key);
-        EXPECT_TRUE(starts(csp, "FAIL")) << csp;
-        EXPECT_NE(std::string::npos, csp.find("0x8009001D NTE_PROVIDER_DLL_FAIL: ")) << csp;
-        std::string ksp = lineOf(signing.section("Key storage provider"), "KSPSignHash", key);
-        EXPECT_TRUE(starts(ksp, "FAIL")) << ksp;
-        EXPECT_NE(std::string::npos, ksp.find("0x8009002D NTE_INTERNAL_ERROR: ")) << ksp;
+        EXPECT_TRUE(reports(signing.section("CryptoAPI"), "CryptSignHash", key, "FAIL", "0x8009001D NTE_PROVIDER_DLL_FAIL: "));
+        EXPECT_TRUE(reports(signing.section("Key storage provider"), "KSPSignHash", key, "FAIL", "0x8009002D NTE_INTERNAL_ERROR: "));
     }
     ASSERT_EQ(0, admin::clearFaults());
 
@@ -229,12 +194,10 @@ TEST_F(OrvaneCheck, ReportsTokenOperationsThatFail) {
     CheckRun verifying = runCheck(std::string("--pin ") + kPin);
     EXPECT_EQ(1, verifying.exitCode) << verifying.output;
     std::string csp = verifying.section("CryptoAPI"), ksp = verifying.section("Key storage provider");
-    std::string provider = lineOf(csp, "CryptVerifySignature (provider)", rsa_);
-    EXPECT_TRUE(starts(provider, "FAIL")) << provider;
-    EXPECT_NE(std::string::npos, provider.find("0x80090006 NTE_BAD_SIGNATURE: ")) << provider;
-    EXPECT_TRUE(starts(lineOf(csp, "verify with Windows' own crypto", rsa_), "PASS")) << csp;
-    EXPECT_TRUE(starts(lineOf(ksp, "KSPVerifySignature (provider)", ec_), "FAIL")) << ksp;
-    EXPECT_TRUE(starts(lineOf(ksp, "verify with Windows' own crypto", ec_), "PASS")) << ksp;
+    EXPECT_TRUE(reports(csp, "CryptVerifySignature (provider)", rsa_, "FAIL", "0x80090006 NTE_BAD_SIGNATURE: "));
+    EXPECT_TRUE(reports(csp, "verify with Windows' own crypto", rsa_, "PASS"));
+    EXPECT_TRUE(reports(ksp, "KSPVerifySignature (provider)", ec_, "FAIL"));
+    EXPECT_TRUE(reports(ksp, "verify with Windows' own crypto", ec_, "PASS"));
 }
 
 TEST_F(OrvaneCheck, WriteMakesUsesAndDeletesATestKey) {
@@ -248,8 +211,8 @@ TEST_F(OrvaneCheck, WriteMakesUsesAndDeletesATestKey) {
     ASSERT_FALSE(testKey.empty()) << made;
     for (const char* step :
          {"KSPSignHash (SHA-256)", "KSPVerifySignature (provider)", "verify with Windows' own crypto", "KSPDeleteKey"})
-        EXPECT_TRUE(starts(lineOf(ksp, step, testKey), "PASS")) << step << "\n" << ksp;
-    EXPECT_TRUE(starts(lineOf(ksp, "key list after the test"), "PASS")) << ksp;
+        EXPECT_TRUE(reports(ksp, step, testKey, "PASS"));
+    EXPECT_TRUE(reports(ksp, "key list after the test", "", "PASS"));
     EXPECT_EQ(before, keyIdsOnToken());
 }
 
@@ -259,10 +222,10 @@ class OrvaneCheckPartlyServedKeys : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         useFreshStore("check-partly-served");
-        ASSERT_EQ(0, admin::createToken(kSerial, "Check token", kPin, kRetries));
-        ASSERT_EQ(0, admin::generateKeyPair(kSerial, ORVANE_KEY_RSA_2048, "exchange", 2, 0, exchange_));
+        addToken(kSerial, false, kRetries);
+        exchange_ = newKeyPair(kSerial, ORVANE_KEY_RSA_2048, 2, "exchange");
         rsa3072_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_RSA_3072, 1).keyId;
-        ASSERT_EQ(0, admin::generateKeyPair(kSerial, ORVANE_KEY_EC_P384, "no certificate", 1, 0, p384_));
+        p384_ = newKeyPair(kSerial, ORVANE_KEY_EC_P384, 1, "no certificate");
     }
 
     static std::string exchange_, rsa3072_, p384_;
@@ -277,27 +240,23 @@ TEST_F(OrvaneCheckPartlyServedKeys, SkipsWhatTheProviderDoesNotOfferAndPassesThe
     std::string csp = run.section("CryptoAPI"), ksp = run.section("Key storage provider");
 
     // An exchange-only key is not asked to sign on either face.
-    EXPECT_NE(std::string::npos, lineOf(csp, "PP_KEYSPEC", exchange_).find("AT_KEYEXCHANGE")) << csp;
-    EXPECT_TRUE(starts(lineOf(csp, "CryptSignHash", exchange_), "SKIP")) << csp;
-    EXPECT_TRUE(starts(lineOf(ksp, "KSPSignHash", exchange_), "SKIP")) << ksp;
+    EXPECT_TRUE(reports(csp, "PP_KEYSPEC", exchange_, "", "AT_KEYEXCHANGE"));
+    EXPECT_TRUE(reports(csp, "CryptSignHash", exchange_, "SKIP"));
+    EXPECT_TRUE(reports(ksp, "KSPSignHash", exchange_, "SKIP"));
 
     // RSA-3072: the CSP exports no such key, so the certificate's key checks the CSP's
     // (little-endian) signature; the KSP's blob is there.
-    EXPECT_TRUE(starts(lineOf(csp, "CryptExportKey", rsa3072_), "SKIP")) << csp;
-    std::string independent = lineOf(csp, "verify with Windows' own crypto", rsa3072_);
-    EXPECT_TRUE(starts(independent, "PASS")) << csp;
-    EXPECT_NE(std::string::npos, independent.find("certificate's key")) << independent;
-    EXPECT_TRUE(starts(lineOf(ksp, "KSPExportKey (RSAPUBLICBLOB)", rsa3072_), "PASS")) << ksp;
+    EXPECT_TRUE(reports(csp, "CryptExportKey", rsa3072_, "SKIP"));
+    EXPECT_TRUE(reports(csp, "verify with Windows' own crypto", rsa3072_, "PASS", "certificate's key"));
+    EXPECT_TRUE(reports(ksp, "KSPExportKey (RSAPUBLICBLOB)", rsa3072_, "PASS"));
 
     // P-384 without a certificate: signed and checked by the provider, nothing else to check with.
     for (const std::string& face : {csp, ksp}) {
-        EXPECT_TRUE(starts(lineOf(face, "certificate", p384_), "SKIP")) << face;
-        EXPECT_TRUE(starts(lineOf(face, "verify with Windows' own crypto", p384_), "SKIP")) << face;
+        EXPECT_TRUE(reports(face, "certificate", p384_, "SKIP"));
+        EXPECT_TRUE(reports(face, "verify with Windows' own crypto", p384_, "SKIP"));
     }
-    EXPECT_TRUE(starts(lineOf(csp, "CryptVerifySignature (provider)", p384_), "PASS")) << csp;
-    std::string signature = lineOf(ksp, "KSPSignHash", p384_);
-    EXPECT_TRUE(starts(signature, "PASS")) << signature;
-    EXPECT_NE(std::string::npos, signature.find("96-byte signature")) << signature;
+    EXPECT_TRUE(reports(csp, "CryptVerifySignature (provider)", p384_, "PASS"));
+    EXPECT_TRUE(reports(ksp, "KSPSignHash", p384_, "PASS", "96-byte signature"));
 }
 
 // A certificate stored under a key's label but made for another key: the provider hands it out
@@ -306,9 +265,9 @@ class OrvaneCheckForeignCertificates : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         useFreshStore("check-foreign-certificates");
-        ASSERT_EQ(0, admin::createToken(kSerial, "Check token", kPin, kRetries));
-        ASSERT_EQ(0, admin::generateKeyPair(kSerial, ORVANE_KEY_RSA_2048, "rsa-label", 1, 0, rsa_));
-        ASSERT_EQ(0, admin::generateKeyPair(kSerial, ORVANE_KEY_EC_P256, "ec-label", 1, 0, ec_));
+        addToken(kSerial, false, kRetries);
+        rsa_ = newKeyPair(kSerial, ORVANE_KEY_RSA_2048, 1, "rsa-label");
+        ec_ = newKeyPair(kSerial, ORVANE_KEY_EC_P256, 1, "ec-label");
         HostResult host = runHost(
             "set -e\n"
             "openssl req -x509 -new -newkey rsa:2048 -nodes -keyout foreign-rsa.key -subj '/CN=foreign' -days 30 "
@@ -331,17 +290,13 @@ TEST_F(OrvaneCheckForeignCertificates, ReportsThatTheSignaturesDoNotMatchThem) {
     EXPECT_EQ(1, run.exitCode) << run.output;
     std::string csp = run.section("CryptoAPI"), ksp = run.section("Key storage provider");
     for (const std::string& face : {csp, ksp}) {
-        std::string exported = lineOf(face, face == csp ? "CryptExportKey" : "KSPExportKey", rsa_);
-        EXPECT_TRUE(starts(exported, "FAIL")) << exported;
-        EXPECT_NE(std::string::npos, exported.find("not the public key in the key's certificate")) << exported;
-        for (const std::string& key : {rsa_, ec_}) {
-            std::string independent = lineOf(face, "verify with Windows' own crypto", key);
-            EXPECT_TRUE(starts(independent, "FAIL")) << independent;
-            EXPECT_NE(std::string::npos, independent.find("BCryptVerifySignature")) << independent;
-        }
+        EXPECT_TRUE(reports(face, face == csp ? "CryptExportKey" : "KSPExportKey", rsa_, "FAIL",
+                            "not the public key in the key's certificate"));
+        for (const std::string& key : {rsa_, ec_})
+            EXPECT_TRUE(reports(face, "verify with Windows' own crypto", key, "FAIL", "BCryptVerifySignature"));
     }
     // The provider checks with the key itself and is satisfied.
-    EXPECT_TRUE(starts(lineOf(csp, "CryptVerifySignature (provider)", ec_), "PASS")) << csp;
+    EXPECT_TRUE(reports(csp, "CryptVerifySignature (provider)", ec_, "PASS"));
 }
 
 }  // namespace

@@ -23,10 +23,9 @@ namespace {
 class CspEntryRules : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        useFreshStore("rules");
-        ASSERT_EQ(0, admin::createToken("RULES-1", "Rules", "1234", 5));
-        ASSERT_EQ(0, admin::generateKeyPair("RULES-1", ORVANE_KEY_RSA_3072, "both", 3, 0, keyId_));
-        ASSERT_EQ(0, admin::createToken("RULES-EMPTY", "No keys", "1234", 5));
+        freshToken("RULES-1", false);
+        keyId_ = newKeyPair("RULES-1", ORVANE_KEY_RSA_3072, 3, "both");
+        addToken("RULES-EMPTY", false);
     }
 
     void SetUp() override { provider_ = open(keyId_.c_str()); }

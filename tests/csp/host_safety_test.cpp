@@ -36,10 +36,8 @@ bool everyHeapValidates() {
 class HostSafety : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        useFreshStore("safety");
-        ASSERT_EQ(0, admin::createToken(kSerial, "Safety", "1234", 5));
-        ASSERT_EQ(0, admin::setSignOn(kSerial, 1, 1));
-        ASSERT_EQ(0, admin::generateKeyPair(kSerial, ORVANE_KEY_RSA_2048, "rsa", 3, 0, keyId_));
+        freshToken(kSerial);
+        keyId_ = newKeyPair(kSerial, ORVANE_KEY_RSA_2048, 3, "rsa");
     }
     void SetUp() override {
         ASSERT_TRUE(CryptAcquireContextA(&provider_, keyId_.c_str(), kProviderName, PROV_RSA_FULL, 0))

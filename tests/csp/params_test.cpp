@@ -26,18 +26,10 @@ namespace {
 class ProviderParams : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        useFreshStore("params");
-        ASSERT_EQ(0, admin::createToken("PARAMS-1", "Params", "1234", 5));
-        ASSERT_EQ(0, admin::generateKeyPair("PARAMS-1", ORVANE_KEY_RSA_1024, "signs", 1, 0, signer_));
-        ASSERT_EQ(0, admin::generateKeyPair("PARAMS-1", ORVANE_KEY_RSA_1024, "both", 3, 0, both_));
-        ASSERT_EQ(0, admin::generateKeyPair("PARAMS-1", ORVANE_KEY_RSA_1024, "exchange", 2, 0, exchange_));
-    }
-    HCRYPTPROV open(const std::string& container) {
-        HCRYPTPROV provider = 0;
-        EXPECT_TRUE(CryptAcquireContextA(&provider, container.empty() ? nullptr : container.c_str(), kProviderName,
-                                         PROV_RSA_FULL, 0))
-            << std::hex << GetLastError();
-        return provider;
+        freshToken("PARAMS-1", false);
+        signer_ = newKeyPair("PARAMS-1", ORVANE_KEY_RSA_1024, 1, "signs");
+        both_ = newKeyPair("PARAMS-1", ORVANE_KEY_RSA_1024, 3, "both");
+        exchange_ = newKeyPair("PARAMS-1", ORVANE_KEY_RSA_1024, 2, "exchange");
     }
     static DWORD dwordParam(HCRYPTPROV provider, DWORD param) {
         DWORD value = 0, size = sizeof value;
@@ -52,7 +44,7 @@ protected:
 std::string ProviderParams::signer_, ProviderParams::both_, ProviderParams::exchange_;
 
 TEST_F(ProviderParams, AlgorithmsAreEnumeratedWithOneSharedCursor) {
-    HCRYPTPROV provider = open(signer_);
+    ContextHandle provider(signer_);
     std::vector<std::string> names;
     PROV_ENUMALGS entry;
     for (DWORD flags = CRYPT_FIRST;; flags = CRYPT_NEXT) {
@@ -82,11 +74,10 @@ TEST_F(ProviderParams, AlgorithmsAreEnumeratedWithOneSharedCursor) {
     EXPECT_EQ(256u, extended.dwMaxLen);
     EXPECT_TRUE(failsWith(CryptGetProvParam(provider, PP_ENUMALGS, reinterpret_cast<BYTE*>(&entry), &size, 4),
                           ERROR_INVALID_PARAMETER));
-    CryptReleaseContext(provider, 0);
 }
 
 TEST_F(ProviderParams, ContainersAreEnumeratedAsTheTokenListsThem) {
-    HCRYPTPROV provider = open("");
+    ContextHandle provider("");
     std::vector<std::string> names;
     char name[64];
     DWORD size = 0;
@@ -105,11 +96,10 @@ TEST_F(ProviderParams, ContainersAreEnumeratedAsTheTokenListsThem) {
         names.push_back(name);
     }
     EXPECT_EQ((std::vector<std::string>{signer_, both_, exchange_}), names);
-    CryptReleaseContext(provider, 0);
 }
 
 TEST_F(ProviderParams, NamesContainerAndKeySpec) {
-    HCRYPTPROV provider = open(both_);
+    ContextHandle provider(both_), exchange(exchange_), none("");
     char text[64];
     DWORD size = sizeof text;
     ASSERT_TRUE(CryptGetProvParam(provider, PP_NAME, reinterpret_cast<BYTE*>(text), &size, 0));
@@ -129,22 +119,15 @@ TEST_F(ProviderParams, NamesContainerAndKeySpec) {
     EXPECT_EQ(static_cast<DWORD>(ERROR_MORE_DATA), GetLastError());
     EXPECT_TRUE(failsWith(CryptGetProvParam(provider, 7, reinterpret_cast<BYTE*>(text), &size, 0), NTE_BAD_TYPE));
     EXPECT_TRUE(failsWith(CryptGetProvParam(provider, 41, reinterpret_cast<BYTE*>(text), &size, 0), NTE_BAD_TYPE));
-    CryptReleaseContext(provider, 0);
-
-    provider = open(exchange_);
-    EXPECT_EQ(1u, dwordParam(provider, PP_KEYSPEC));
-    CryptReleaseContext(provider, 0);
-    provider = open("");
+    EXPECT_EQ(1u, dwordParam(exchange, PP_KEYSPEC));
     size = sizeof text;
-    EXPECT_TRUE(failsWith(CryptGetProvParam(provider, PP_KEYSPEC, reinterpret_cast<BYTE*>(text), &size, 0), NTE_NO_KEY));
-    EXPECT_TRUE(failsWith(CryptSetProvParam(provider, PP_ADMIN_PIN, reinterpret_cast<const BYTE*>("1234"), 0),
-                          NTE_BAD_TYPE));
-    CryptReleaseContext(provider, 0);
+    EXPECT_TRUE(failsWith(CryptGetProvParam(none, PP_KEYSPEC, reinterpret_cast<BYTE*>(text), &size, 0), NTE_NO_KEY));
+    EXPECT_TRUE(failsWith(CryptSetProvParam(none, PP_ADMIN_PIN, reinterpret_cast<const BYTE*>("1234"), 0), NTE_BAD_TYPE));
 }
 
 // Windows are found by title, so this suite runs alone (see CMakeLists).
 TEST_F(ProviderParams, PinGivenThroughTheProviderSparesTheDialog) {
-    HCRYPTPROV provider = open(signer_);
+    ContextHandle provider(signer_);
     EXPECT_TRUE(failsWith(CryptSetProvParam(provider, PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>("9999"), 0),
                           NTE_KEYSET_ENTRY_BAD));
     ASSERT_TRUE(CryptSetProvParam(provider, PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>("1234"), 0))
@@ -154,21 +137,14 @@ TEST_F(ProviderParams, PinGivenThroughTheProviderSparesTheDialog) {
                           NTE_KEYSET_ENTRY_BAD));
 
     UiDriver watchdog({UiStep::cancel()}, 1500);
-    HCRYPTHASH hash = 0;
-    ASSERT_TRUE(CryptCreateHash(provider, CALG_SHA_256, 0, 0, &hash));
-    ASSERT_TRUE(CryptHashData(hash, reinterpret_cast<const BYTE*>("no dialog"), 9, 0));
-    BYTE signature[256];
-    DWORD length = sizeof signature;
-    EXPECT_TRUE(CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, signature, &length)) << std::hex << GetLastError();
+    EXPECT_EQ(128u, provider.sign(CALG_SHA_256, "no dialog").size());
     EXPECT_EQ(std::vector<std::string>{"missing: pin dialog"}, watchdog.finish()) << "no window appeared";
     EXPECT_EQ("1234", admin::lastPinReceived());
-    CryptDestroyHash(hash);
-    CryptReleaseContext(provider, 0);
 }
 
 TEST_F(ProviderParams, CertificateChainHoldsRootIntermediateAndLeaf) {
     // On a token of its own, so that the container enumeration sees the same keys in any order.
-    ASSERT_EQ(0, admin::createToken("PARAMS-CHAIN", "Chain", "1234", 5));
+    addToken("PARAMS-CHAIN", false);
     ProvisionedKey leaf = provisionKeyWithCertificate("PARAMS-CHAIN", ORVANE_KEY_RSA_2048, 1);
     // Re-issue the leaf under an intermediate so that the chain has three links.
     HostResult host = runHost(
@@ -188,7 +164,7 @@ TEST_F(ProviderParams, CertificateChainHoldsRootIntermediateAndLeaf) {
     ASSERT_EQ(0, admin::importCertificate("PARAMS-CHAIN", readFile(workDir() + "/mid.der"), "intermediate", linked));
     ASSERT_EQ(0, admin::importCertificate("PARAMS-CHAIN", readFile(workDir() + "/leaf.der"), "", linked));
 
-    HCRYPTPROV provider = open(leaf.keyId);
+    ContextHandle provider(leaf.keyId);
     DWORD size = 0;
     ASSERT_TRUE(CryptGetProvParam(provider, PP_CERTCHAIN, nullptr, &size, 0)) << std::hex << GetLastError();
     std::vector<BYTE> message(size);
@@ -208,13 +184,11 @@ TEST_F(ProviderParams, CertificateChainHoldsRootIntermediateAndLeaf) {
     std::sort(expected.begin(), expected.end());
     std::sort(certificates.begin(), certificates.end());
     EXPECT_EQ(expected, certificates);
-    CryptReleaseContext(provider, 0);
 
-    provider = open(exchange_);
+    ContextHandle uncertified(exchange_);
     size = 0;
-    EXPECT_TRUE(failsWith(CryptGetProvParam(provider, PP_CERTCHAIN, nullptr, &size, 0), NTE_NO_KEY))
+    EXPECT_TRUE(failsWith(CryptGetProvParam(uncertified, PP_CERTCHAIN, nullptr, &size, 0), NTE_NO_KEY))
         << "a container without a certificate";
-    CryptReleaseContext(provider, 0);
 }
 
 }  // namespace

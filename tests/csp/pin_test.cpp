@@ -26,10 +26,8 @@ struct Outcome {
 
 // A fresh token with one RSA key pair; the PIN is 1234.
 void newToken(const std::string& serial, int retries = 5) {
-    useFreshStore(serial);
-    ASSERT_EQ(0, admin::createToken(serial, "Pin token", "1234", retries));
-    std::string keyId;
-    ASSERT_EQ(0, admin::generateKeyPair(serial, ORVANE_KEY_RSA_1024, "", 3, 0, keyId));
+    freshToken(serial, false, retries);
+    newKeyPair(serial, ORVANE_KEY_RSA_1024);
 }
 
 Outcome signOnce() {
@@ -112,6 +110,7 @@ TEST(PinDialog, SignedOnTokenIsUsedWithAnEmptyPinAndNoDialog) {
     EXPECT_EQ("", admin::lastPinReceived());
 }
 
+// Decryption shares the retry with signing; the fault sweep counts its calls.
 TEST(PinDialog, ExpiredSignOnPromptsOnceAndRetriesOnce) {
     newToken("PIN-EXPIRY");
     {
@@ -136,32 +135,6 @@ TEST(PinDialog, ExpiredSignOnPromptsOnceAndRetriesOnce) {
         EXPECT_EQ((Seen{"pin dialog", "missing: pin dialog"}), user.finish()) << "one prompt, no third attempt";
         EXPECT_EQ(signatures + 4, admin::callCount("orvane_signHash"));
     }
-}
-
-TEST(PinDialog, ExpiredSignOnDuringDecryptionPromptsOnceAndRetriesOnce) {
-    newToken("PIN-DECRYPT");
-    HCRYPTPROV provider = 0;
-    ASSERT_TRUE(CryptAcquireContextA(&provider, nullptr, kProviderName, PROV_RSA_FULL, 0));
-    HCRYPTKEY key = 0;
-    ASSERT_TRUE(CryptGetUserKey(provider, AT_KEYEXCHANGE, &key));
-    BYTE buffer[128] = "expiring";
-    DWORD length = 9;
-    {
-        UiDriver user({UiStep::enterPin("1234")});
-        ASSERT_TRUE(CryptEncrypt(key, 0, TRUE, 0, buffer, &length, sizeof buffer)) << std::hex << GetLastError();
-        EXPECT_EQ(Seen{"pin dialog"}, user.finish());
-    }
-    int decryptions = admin::callCount("orvane_decrypt");
-    ASSERT_EQ(0, admin::injectFault("orvane_decrypt", 1, ORVANE_SSO_EXPIRED));
-    {
-        UiDriver user({UiStep::enterPin("1234")});
-        ASSERT_TRUE(CryptDecrypt(key, 0, TRUE, 0, buffer, &length)) << std::hex << GetLastError();
-        EXPECT_EQ(Seen{"pin dialog"}, user.finish());
-    }
-    EXPECT_EQ("expiring", std::string(reinterpret_cast<char*>(buffer), length - 1));
-    EXPECT_EQ(decryptions + 2, admin::callCount("orvane_decrypt"));
-    CryptDestroyKey(key);
-    CryptReleaseContext(provider, 0);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "softtoken/SoftTokenAdmin.h"
+#include "tests/support/KspHarness.h"
 #include "tests/support/ProviderSupport.h"
 #include "tests/support/TestSupport.h"
 #include "token/OrvaneDSCLibrary.h"
@@ -21,14 +22,10 @@ namespace {
 const char kSerial[] = "CLIENTS-1";
 const DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
-std::wstring widen(const std::string& text) { return std::wstring(text.begin(), text.end()); }
-
 class RealClients : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        useFreshStore("clients");
-        ASSERT_EQ(0, admin::createToken(kSerial, "Clients", "1234", 5));
-        ASSERT_EQ(0, admin::setSignOn(kSerial, 1, 1));
+        freshToken(kSerial);
         key_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_RSA_2048, 3);
     }
 

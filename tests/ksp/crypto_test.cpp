@@ -11,6 +11,7 @@
 
 #include "encoding/Hex.h"
 #include "softtoken/SoftTokenAdmin.h"
+#include "tests/support/Blobs.h"
 #include "tests/support/KspHarness.h"
 #include "tests/support/ProviderSupport.h"
 #include "tests/support/TestSupport.h"
@@ -29,25 +30,6 @@ const std::string kAes128 = "2B7E151628AED2A6ABF7158809CF4F3C";
 const std::string kIv = "000102030405060708090A0B0C0D0E0F";
 const std::string kBlocks = "Two AES blocks, no padding: 32 B";
 
-Bytes dword(DWORD value) { return Bytes{BYTE(value), BYTE(value >> 8), BYTE(value >> 16), BYTE(value >> 24)}; }
-Bytes join(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
-Bytes rsaPublicBlob(DWORD bits, const Bytes& modulus) {
-    return join({dword(0x31415352), dword(bits), dword(3), dword(DWORD(modulus.size())), dword(0), dword(0), {1, 0, 1}, modulus});
-}
-Bytes capiPublicBlob(ALG_ID algorithm, const Bytes& modulus) {
-    return join({{6, 2, 0, 0}, dword(algorithm), dword(0x31415352), dword(2048), dword(65537), Bytes(modulus.rbegin(), modulus.rend())});
-}
-Bytes keyDataBlob(DWORD declared, const Bytes& value) { return join({dword(0x4D42444B), dword(1), dword(declared), value}); }
-
-Bytes onHost(const std::string& script, const std::string& output) {
-    HostResult host = runHost(script);
-    EXPECT_EQ(0, host.exitCode) << script << "\n" << host.output;
-    return readFile(workDir() + "/" + output);
-}
 std::string pemOf(const ProvisionedKey& key) {
     onHost("openssl x509 -inform DER -in " + key.certificateFile + " -pubkey -noout > " + key.keyId + ".pem", key.keyId + ".pem");
     return key.keyId + ".pem";
@@ -64,38 +46,12 @@ Bytes modulusFrom(const std::string& command) {
     EXPECT_EQ(256u, modulus.size());
     return modulus;
 }
-
-// r || s as the DER ECDSA-Sig-Value.
-Bytes ecdsaSignatureDer(const Bytes& rs) {
-    auto integer = [](Bytes magnitude) {
-        while (magnitude.size() > 1 && magnitude[0] == 0 && magnitude[1] < 0x80) magnitude.erase(magnitude.begin());
-        if (magnitude[0] >= 0x80) magnitude.insert(magnitude.begin(), 0);
-        return join({{0x02, BYTE(magnitude.size())}, magnitude});
-    };
-    size_t half = rs.size() / 2;
-    Bytes body = join({integer(Bytes(rs.begin(), rs.begin() + half)), integer(Bytes(rs.begin() + half, rs.end()))});
-    return join({body.size() >= 0x80 ? Bytes{0x30, 0x81} : Bytes{0x30}, {BYTE(body.size())}, body});
-}
-
-// A stored key proves its value by unwrapping what OpenSSL wrapped under that value.
-void expectStoredValue(const OrvaneSymmetricKey& stored, const std::string& value) {
-    writeFile(workDir() + "/probe.bin", hexToBytes(kIv));
-    Bytes wrapped = onHost("openssl enc -id-aes" + std::to_string(value.size() * 4) + "-wrap -K " + value +
-                               " -iv A6A6A6A6A6A6A6A6 -in probe.bin -out probe.wrapped", "probe.wrapped");
-    unsigned char* unwrapped = nullptr;
-    int length = 0;
-    ASSERT_EQ(0, orvane_decrypt_aes(kSerial, stored.keyData, stored.keyDataLength, wrapped.data(), int(wrapped.size()),
-                                    &unwrapped, &length, stored.keyFlag, nullptr, 0, nullptr));
-    EXPECT_EQ(kIv, toHex(unwrapped, size_t(length)));
-    delete[] unwrapped;
-}
+Bytes capiPublicBlob(ALG_ID algorithm, const Bytes& modulus) { return capiRsaBlob(algorithm, kRsa1, 2048, reversed(modulus)); }
 
 class KspCryptoTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        useFreshStore("ksp-crypto");
-        ASSERT_EQ(0, admin::createToken(kSerial, "KSP crypto token", "1234", 5));
-        ASSERT_EQ(0, admin::setSignOn(kSerial, 1, 1));
+        freshToken(kSerial);
         rsa_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_RSA_2048, 3);
         ec256_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_EC_P256, 1);
         ec384_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_EC_P384, 1);
@@ -150,10 +106,8 @@ TEST_F(KspCryptoTest, SignaturesVerifyWithOpenSslAgainstTheKeyCertificate) {
 
         Bytes signature = sign(key->get(), digest, c.length, c.key == &rsa_ ? BCRYPT_PAD_PKCS1 : 0);
         ASSERT_EQ(c.length, signature.size()) << c.digest;
-        writeFile(workDir() + "/signature.bin", c.key == &rsa_ ? signature : ecdsaSignatureDer(signature));
-        HostResult host =
-            runHost("openssl dgst -" + std::string(c.digest) + " -verify " + pemOf(*c.key) + " -signature signature.bin message.txt");
-        EXPECT_NE(std::string::npos, host.output.find("Verified OK")) << c.digest << ": " << host.output;
+        EXPECT_TRUE(verifiedByOpenSsl(c.key->certificateFile, c.digest, "Signed through the key storage provider",
+                                      c.key == &rsa_ ? signature : ecdsaDer(signature)));
         EXPECT_EQ(0, verify(key->get(), digest, signature, 0));
         signature[9] ^= 0x04;
         EXPECT_EQ(NTE_BAD_SIGNATURE, verify(key->get(), digest, signature, 0));
@@ -207,13 +161,13 @@ TEST_F(KspCryptoTest, ImportedPublicBlobsVerifyTokenSignaturesAndEncryptForOpenS
     const std::string secret = "for OpenSSL only";
     for (bool capi : {false, true}) {
         const wchar_t* type = capi ? L"CAPIPUBLICBLOB" : L"RSAPUBLICBLOB";
-        auto verifier = import(type, capi ? capiPublicBlob(CALG_RSA_SIGN, tokenModulus) : rsaPublicBlob(2048, tokenModulus));
+        auto verifier = import(type, capi ? capiPublicBlob(CALG_RSA_SIGN, tokenModulus) : cngRsaBlob(2048, tokenModulus));
         Bytes flipped = signature;
         flipped[100] ^= 0x01;
         EXPECT_EQ(0, verify(verifier->get(), digest, signature, BCRYPT_PAD_PKCS1));
         EXPECT_EQ(NTE_BAD_SIGNATURE, verify(verifier->get(), digest, flipped, BCRYPT_PAD_PKCS1));
 
-        auto key = import(type, capi ? capiPublicBlob(CALG_RSA_KEYX, hostModulus) : rsaPublicBlob(2048, hostModulus));
+        auto key = import(type, capi ? capiPublicBlob(CALG_RSA_KEYX, hostModulus) : cngRsaBlob(2048, hostModulus));
         for (bool oaep : {false, true}) {
             Bytes cipher(256);
             DWORD size = 0;
@@ -257,42 +211,22 @@ TEST_F(KspCryptoTest, ExportedPublicBlobsVerifyTokenSignaturesInWine) {
     Bytes capi = exported(L"CAPIPUBLICBLOB");
     const std::string message = "legacy";
     signature = sign(key->get(), digestOf("sha1", message), 256);
-    std::reverse(signature.begin(), signature.end());
-    HCRYPTPROV wine = 0;
-    HCRYPTKEY legacyKey = 0;
-    HCRYPTHASH hash = 0;
-    ASSERT_TRUE(CryptAcquireContextA(&wine, nullptr, MS_ENHANCED_PROV_A, PROV_RSA_FULL, CRYPT_VERIFYCONTEXT));
-    ASSERT_TRUE(CryptImportKey(wine, capi.data(), DWORD(capi.size()), 0, 0, &legacyKey)) << std::hex << GetLastError();
-    ASSERT_TRUE(CryptCreateHash(wine, CALG_SHA1, 0, 0, &hash));
-    CryptHashData(hash, reinterpret_cast<const BYTE*>(message.data()), DWORD(message.size()), 0);
-    EXPECT_TRUE(CryptVerifySignatureA(hash, signature.data(), 256, legacyKey, nullptr, 0)) << std::hex << GetLastError();
-    CryptDestroyHash(hash);
+    ContextHandle wine;
+    HCRYPTKEY legacyKey = wine.import(capi);
+    EXPECT_TRUE(wine.verify(CALG_SHA1, message, reversed(signature), legacyKey)) << std::hex << GetLastError();
     CryptDestroyKey(legacyKey);
-    CryptReleaseContext(wine, 0);
 }
 
 TEST_F(KspCryptoTest, AesKeysArriveInClearWrappedOrEncryptedUnderATokenKey) {
-    auto addedSince = [](size_t before) {
-        std::vector<OrvaneSymmetricKey> keys = orvane_getAesKeyList(kSerial, nullptr);
-        EXPECT_EQ(before + 1, keys.size());
-        return keys.back();
-    };
-    size_t count = orvane_getAesKeyList(kSerial, nullptr).size();
-    const std::string value256 = "603DEB1015CA71BE2B73AEF0857D77811F352C073B6108D72D9810A30914DFF4";
-    import(L"KeyDataBlob", keyDataBlob(32, hexToBytes(value256)));
-    OrvaneSymmetricKey stored = addedSince(count++);
-    EXPECT_EQ(ORVANE_KEY_AES_256, stored.keyType);
-    expectStoredValue(stored, value256);
+    std::vector<OrvaneSymmetricKey> before = orvane_getAesKeyList(kSerial, nullptr);
+    const Bytes value256 = hexToBytes("603DEB1015CA71BE2B73AEF0857D77811F352C073B6108D72D9810A30914DFF4");
+    import(L"KeyDataBlob", keyDataBlob(32, value256));
+    expectStoredAesKey(kSerial, before, ORVANE_KEY_AES_256, value256);
+    before = orvane_getAesKeyList(kSerial, nullptr);
+    import(L"OpaqueKeyBlob", aesWrap(hexToBytes(kKek), hexToBytes(kAes128)));
+    expectStoredAesKey(kSerial, before, ORVANE_KEY_AES_128, hexToBytes(kAes128));
 
     writeFile(workDir() + "/aes128.bin", hexToBytes(kAes128));
-    import(L"OpaqueKeyBlob", onHost("openssl enc -id-aes256-wrap -K " + kKek + " -iv A6A6A6A6A6A6A6A6 -in aes128.bin -out w.bin", "w.bin"));
-    stored = addedSince(count++);
-    EXPECT_EQ(ORVANE_KEY_AES_128, stored.keyType);
-    expectStoredValue(stored, kAes128);
-    std::string stranger = kAes128.substr(0, 30) + "00";
-    import(L"OpaqueKeyBlob", onHost("openssl enc -id-aes128-wrap -K " + stranger + " -iv A6A6A6A6A6A6A6A6 -in aes128.bin -out x.bin", "x.bin"),
-           NTE_BAD_KEY);
-
     auto tokenKey = open(rsa_);
     Bytes encrypted = onHost("openssl pkeyutl -encrypt -pubin -inkey " + pemOf(rsa_) + " -in aes128.bin -out e.bin", "e.bin");
     import(L"OpaqueTransport", encrypted, NTE_BAD_KEY);
@@ -319,33 +253,25 @@ TEST_F(KspCryptoTest, AesKeysArriveInClearWrappedOrEncryptedUnderATokenKey) {
 
 TEST_F(KspCryptoTest, MalformedImportBlobsAreRefusedWithTheirCodes) {
     Bytes modulus(256, 0xC5);
-    Bytes overflowing = rsaPublicBlob(2048, modulus), truncated = rsaPublicBlob(2048, modulus);
+    Bytes overflowing = cngRsaBlob(2048, modulus), truncated = cngRsaBlob(2048, modulus);
     truncated.pop_back();
     std::memcpy(&overflowing[8], dword(0xFFFFFFFF).data(), 4);
     struct Case { const wchar_t* type; Bytes blob; SECURITY_STATUS expected; };
-    // Each blob ends where a PAGE_NOACCESS page begins.
-    const size_t page = 4096;
-    BYTE* pages = static_cast<BYTE*>(VirtualAlloc(nullptr, 2 * page, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
-    DWORD oldProtection = 0;
-    ASSERT_TRUE(pages && VirtualProtect(pages + page, page, PAGE_NOACCESS, &oldProtection));
+    GuardPage guard;
     for (const Case& c : {Case{L"RSAPUBLICBLOB", Bytes(23, 0), NTE_BAD_DATA},
                           Case{L"RSAPUBLICBLOB", join({dword(0x32415352), Bytes(300, 1)}), NTE_BAD_DATA},
                           Case{L"PUBLICBLOB", truncated, NTE_BAD_DATA},
                           Case{L"PUBLICBLOB", overflowing, NTE_BAD_DATA},
-                          Case{L"RSAPUBLICBLOB", rsaPublicBlob(1536, Bytes(192, 0xC5)), NTE_NOT_SUPPORTED},
+                          Case{L"RSAPUBLICBLOB", cngRsaBlob(1536, Bytes(192, 0xC5)), NTE_NOT_SUPPORTED},
                           Case{L"CAPIPUBLICBLOB", capiPublicBlob(CALG_RSA_KEYX, Bytes(255, 1)), NTE_BAD_DATA},
                           Case{L"KeyDataBlob", keyDataBlob(32, Bytes(16, 7)), NTE_BAD_DATA},
                           Case{L"KeyDataBlob", keyDataBlob(20, Bytes(20, 7)), NTE_NOT_SUPPORTED},
                           Case{L"KeyDataBlob", Bytes(11, 0), NTE_BAD_DATA}}) {
-        ASSERT_LE(c.blob.size(), page);
-        BYTE* atEnd = pages + page - c.blob.size();
-        std::memcpy(atEnd, c.blob.data(), c.blob.size());
         NCRYPT_KEY_HANDLE refused = 0;
-        EXPECT_EQ(c.expected, ksp().ImportKey(provider(), 0, c.type, nullptr, &refused, atEnd, DWORD(c.blob.size()), 0))
+        EXPECT_EQ(c.expected, ksp().ImportKey(provider(), 0, c.type, nullptr, &refused, guard.place(c.blob), DWORD(c.blob.size()), 0))
             << std::string(c.type, c.type + wcslen(c.type)) << " of " << c.blob.size() << " bytes";
         EXPECT_EQ(0u, refused);
     }
-    VirtualFree(pages, 0, MEM_RELEASE);
     NCRYPT_KEY_HANDLE handle = 0;
     BYTE one = 1;
     EXPECT_EQ(NTE_INVALID_PARAMETER, ksp().ImportKey(provider(), 0, L"KeyDataBlob", nullptr, &handle, &one, 0, 0));

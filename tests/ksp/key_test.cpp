@@ -54,38 +54,20 @@ SECURITY_STATUS setNumber(NCRYPT_PROV_HANDLE p, NCRYPT_KEY_HANDLE key, const wch
     return set(p, key, name, &value, sizeof value);
 }
 
-// Issued by a test CA (OpenSSL) for the public key of a token key pair.
-Bytes issueCertificate(const std::string& keyId, const std::string& subject) {
-    Bytes spki;
-    EXPECT_EQ(0, admin::exportPublicKey(kCerts, keyId, spki));
-    writeFile(workDir() + "/" + subject + ".pub.der", spki);
-    HostResult host = runHost(
-        "set -e\n[ -f ca.pem ] || openssl req -x509 -new -newkey rsa:2048 -nodes -keyout ca.key "
-        "-subj '/CN=KSP Test CA' -days 30 -out ca.pem 2>/dev/null\nopenssl x509 -new -subj '/CN=" + subject +
-        "' -force_pubkey " + subject + ".pub.der -CA ca.pem -CAkey ca.key -days 30 -outform DER -out " + subject +
-        ".der");
-    EXPECT_EQ(0, host.exitCode) << host.output;
-    return readFile(workDir() + "/" + subject + ".der");
-}
-
 class KspKeys : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         useFreshStore("ksp-keys");
-        for (const char* serial : {kFirst, kSecond, kCerts}) {
-            ASSERT_EQ(0, admin::createToken(serial, serial, "1234", 5));
-            ASSERT_EQ(0, admin::setSignOn(serial, 1, 1));
-        }
+        for (const char* serial : {kFirst, kSecond, kCerts}) addToken(serial);
         ASSERT_EQ(0, admin::createToken(kLocked, "Locked", "4321", 5));
-        ASSERT_EQ(0, admin::generateKeyPair(kSecond, ORVANE_KEY_RSA_1024, "gamma", 2, 0, gamma_));
-        ASSERT_EQ(0, admin::generateKeyPair(kSecond, ORVANE_KEY_EC_P256, "captured", 1, 0, captured_));
+        gamma_ = newKeyPair(kSecond, ORVANE_KEY_RSA_1024, 2, "gamma");
+        captured_ = newKeyPair(kSecond, ORVANE_KEY_EC_P256, 1, "captured");
         ASSERT_EQ(0, admin::generateKeyPair(kFirst, ORVANE_KEY_RSA_2048, "alpha", 1, 1, alpha_));
-        ASSERT_EQ(0, admin::generateKeyPair(kFirst, ORVANE_KEY_EC_P256, "beta", 3, 0, beta_));
+        beta_ = newKeyPair(kFirst, ORVANE_KEY_EC_P256, 3, "beta");
         // Labelled with a second-token key's name: the token search stops at the first token.
-        ASSERT_EQ(0, admin::generateKeyPair(kFirst, ORVANE_KEY_RSA_1024, captured_, 2, 0, trap_));
-        for (const char* label : {"labelled", "linked", "bykey", "spare", "nocert"})
-            ASSERT_EQ(0, admin::generateKeyPair(kCerts, ORVANE_KEY_RSA_1024, label, 3, 0, certKeys_[label]));
-        ASSERT_EQ(0, admin::generateKeyPair(kLocked, ORVANE_KEY_RSA_1024, "locked", 1, 0, locked_));
+        trap_ = newKeyPair(kFirst, ORVANE_KEY_RSA_1024, 2, captured_);
+        for (const char* label : {"bykey", "spare", "nocert"}) certKeys_[label] = newKeyPair(kCerts, ORVANE_KEY_RSA_1024, 3, label);
+        locked_ = newKeyPair(kLocked, ORVANE_KEY_RSA_1024, 1, "locked");
     }
 
     KspProviderHandle provider_;
@@ -248,38 +230,25 @@ TEST_F(KspKeys, FinalizeGeneratesWhatWasAskedForAndDeleteRemovesIt) {
     EXPECT_EQ(0u, number(p_, request.get(), L"Length")) << "a refused generation leaves the request as it was";
 }
 
-TEST_F(KspKeys, KeyCertificateIsFoundByLabelThenLinkThenPublicKeyAndStored) {
-    const Bytes otherLink(16, 0xEE), linkOfLinked = [&] {
-        for (const OrvaneKeyPair& keyPair : orvane_getKeyPairList(kCerts, nullptr))
-            if (orvane::toHex(keyPair.keyId, 16) == certKeys_["linked"])
-                return Bytes(keyPair.certLinkId, keyPair.certLinkId + keyPair.certLinkIdLength);
-        return Bytes();
-    }();
-    // Tied to their key by label alone, by link alone, or by its public key alone.
-    struct Stored { std::string keyId, label; Bytes link, der; } stored[] = {
-        {certKeys_["labelled"], "labelled", otherLink, issueCertificate(certKeys_["spare"], "by-label")},
-        {certKeys_["linked"], "someone else", linkOfLinked, issueCertificate(certKeys_["spare"], "by-link")},
-        {certKeys_["bykey"], "nobody", otherLink, issueCertificate(certKeys_["bykey"], "by-public-key")},
-    };
-    for (const Stored& s : stored) {
-        OrvaneCertificate record{};
-        std::memcpy(record.certData, s.der.data(), s.der.size());
-        record.certLength = static_cast<int32_t>(s.der.size());
-        std::memcpy(record.certLinkId, s.link.data(), s.link.size());
-        record.certLinkIdLength = static_cast<int32_t>(s.link.size());
-        std::memcpy(record.label, s.label.data(), s.label.size());
-        ASSERT_EQ(0, orvane_importCertificate(kCerts, "1234", &record, nullptr));
-    }
-    for (const Stored& s : stored) {
-        KspKeyHandle key(p_, openKspKey(p_, s.keyId));
-        EXPECT_EQ(std::string(s.der.begin(), s.der.end()), kspKeyProperty(p_, key.get(), L"SmartCardKeyCertificate"));
-    }
+// Label and link come first (checked in token_core_test); the key storage provider also
+// looks for the key's public key, then stores what it is given.
+TEST_F(KspKeys, KeyCertificateIsFoundByPublicKeyAndStored) {
+    const Bytes byKey = readFile(issueCertificate(kCerts, certKeys_["bykey"], "by-public-key"));
+    OrvaneCertificate record{};
+    std::memcpy(record.certData, byKey.data(), byKey.size());
+    record.certLength = static_cast<int32_t>(byKey.size());
+    std::memset(record.certLinkId, 0xEE, 16);
+    record.certLinkIdLength = 16;
+    std::strcpy(record.label, "nobody");
+    ASSERT_EQ(0, orvane_importCertificate(kCerts, "1234", &record, nullptr));
+    KspKeyHandle found(p_, openKspKey(p_, certKeys_["bykey"]));
+    EXPECT_EQ(std::string(byKey.begin(), byKey.end()), kspKeyProperty(p_, found.get(), L"SmartCardKeyCertificate"));
 
     KspKeyHandle key(p_, openKspKey(p_, certKeys_["nocert"]));
     SECURITY_STATUS status = 0;
     kspKeyProperty(p_, key.get(), L"SmartCardKeyCertificate", &status);
     EXPECT_EQ(NTE_NOT_FOUND, status);
-    const Bytes der = issueCertificate(certKeys_["nocert"], "stored"), tooLong(3073, 0x30);
+    const Bytes der = readFile(issueCertificate(kCerts, certKeys_["nocert"], "stored")), tooLong(3073, 0x30);
     EXPECT_EQ(NTE_INVALID_PARAMETER, set(p_, key.get(), L"SmartCardKeyCertificate", tooLong.data(), 3073));
     ASSERT_EQ(0, set(p_, key.get(), L"SmartCardKeyCertificate", der.data(), static_cast<DWORD>(der.size())));
     std::vector<OrvaneCertificate> certificates = orvane_getCertificateList(kCerts, nullptr);

@@ -23,11 +23,10 @@ const char kSilentSerial[] = "KSP-PIN-SILENT";
 class KspPinTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        useFreshStore("ksp-pin");
-        ASSERT_EQ(0, admin::createToken(kSerial, "KSP pin token", "1234", 5));
-        ASSERT_EQ(0, admin::generateKeyPair(kSerial, ORVANE_KEY_RSA_1024, "", 3, 0, keyId_));
-        ASSERT_EQ(0, admin::createToken(kSilentSerial, "KSP silent token", "1234", 5));
-        ASSERT_EQ(0, admin::generateKeyPair(kSilentSerial, ORVANE_KEY_RSA_1024, "", 3, 0, silentKeyId_));
+        freshToken(kSerial, false);
+        keyId_ = newKeyPair(kSerial, ORVANE_KEY_RSA_1024);
+        addToken(kSilentSerial, false);
+        silentKeyId_ = newKeyPair(kSilentSerial, ORVANE_KEY_RSA_1024);
     }
     void SetUp() override { ASSERT_EQ(0, provider_.status()); }
 

@@ -104,26 +104,10 @@ TEST(CngRegistration, CngFailuresBecomeHresultsAndMissingFunctionsFail) {
     EXPECT_EQ(S_OK, orvane::registration::registerKeyStorageProvider(partial)) << "removal is optional";
 }
 
-// regsvr32 is a Windows program, so its exit code comes back through the process handle.
-DWORD runRegsvr32(const std::string& arguments) {
-    std::string command = "regsvr32.exe /s " + arguments;
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (!CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
-        return GetLastError();
-    WaitForSingleObject(process.hProcess, 60000);
-    DWORD exitCode = 1;
-    GetExitCodeProcess(process.hProcess, &exitCode);
-    CloseHandle(process.hProcess);
-    CloseHandle(process.hThread);
-    return exitCode;
-}
-
 TEST(CngRegistration, Regsvr32RegistersAndUnregistersTheModule) {
     std::string module = windowsPath(std::string(getenv("ORVANE_BIN")) + "/OrvaneCSP.dll");
-    EXPECT_EQ(0u, runRegsvr32("\"" + module + "\""));
-    EXPECT_EQ(0u, runRegsvr32("/u \"" + module + "\""));
+    EXPECT_EQ(0, runCommand("regsvr32.exe /s \"" + module + "\""));
+    EXPECT_EQ(0, runCommand("regsvr32.exe /s /u \"" + module + "\""));
 }
 
 }  // namespace

@@ -121,10 +121,8 @@ void expectNoGrowth(const Growth& ours, const Growth* control = nullptr) {
 class GrowthTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        useFreshStore("growth");
-        ASSERT_EQ(0, admin::createToken(kSerial, "Growth", "1234", 5));
-        ASSERT_EQ(0, admin::setSignOn(kSerial, 1, 1));
-        ASSERT_EQ(0, admin::generateKeyPair(kSerial, ORVANE_KEY_EC_P256, "growth", 3, 0, keyId_));
+        freshToken(kSerial);
+        keyId_ = newKeyPair(kSerial, ORVANE_KEY_EC_P256, 3, "growth");
     }
     static std::string keyId_;
 };

@@ -149,10 +149,7 @@ TEST(StoreDurability, AcknowledgedWritesSurviveWritersKilledAtRandomMoments) {
 
     // A process that never read the store before must see the same.
     std::string listed = workDir() + "/list.out";
-    HANDLE list = startProgram("orvane-token.exe", "list", listed);
-    ASSERT_NE(nullptr, list);
-    WaitForSingleObject(list, INFINITE);
-    CloseHandle(list);
+    ASSERT_EQ(0, finish(startProgram("orvane-token.exe", "list", listed)));
     Bytes coldView = readFile(listed);
     long long lostCold = lostWrites(std::string(coldView.begin(), coldView.end()), writers);
 

@@ -5,9 +5,9 @@
 #include <map>
 #include <tuple>
 
-#include "encoding/Der.h"
 #include "encoding/Hex.h"
 #include "softtoken/SoftTokenAdmin.h"
+#include "tests/support/Blobs.h"
 #include "tests/support/TestSupport.h"
 #include "token/OrvaneDSCLibrary.h"
 
@@ -44,19 +44,6 @@ int decrypt(const Bytes& keyId, const Bytes& cipher, Bytes& plain) {
     if (status == 0) plain.assign(out, out + length);
     delete[] out;
     return status;
-}
-
-// ECDSA r || s as the DER ECDSA-Sig-Value that OpenSSL reads.
-Bytes ecdsaDer(const Bytes& raw) {
-    auto integer = [](Bytes half) {
-        while (half.size() > 1 && half[0] == 0 && (half[1] & 0x80) == 0) half.erase(half.begin());
-        return orvane::derInteger(half);
-    };
-    size_t half = raw.size() / 2;
-    Bytes body = integer(Bytes(raw.begin(), raw.begin() + half));
-    Bytes s = integer(Bytes(raw.begin() + half, raw.end()));
-    body.insert(body.end(), s.begin(), s.end());
-    return orvane::derWrap(0x30, body);
 }
 
 class SoftTokenTest : public ::testing::Test {

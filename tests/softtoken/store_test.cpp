@@ -25,15 +25,6 @@ HANDLE startTool(const std::string& arguments, const std::string& outputFile = w
     return startProgram("orvane-token.exe", arguments, outputFile);
 }
 
-int finish(HANDLE process) {
-    if (process == nullptr) return -1;
-    WaitForSingleObject(process, INFINITE);
-    DWORD code = 0;
-    GetExitCodeProcess(process, &code);
-    CloseHandle(process);
-    return static_cast<int>(code);
-}
-
 std::string toolList() {
     EXPECT_EQ(0, finish(startTool("list")));
     Bytes output = readFile(workDir() + "/tool.out");

@@ -1,5 +1,7 @@
 #include "tests/support/TestSupport.h"
 
+#include <gtest/gtest.h>
+
 #include <windows.h>
 
 #include <atomic>
@@ -7,6 +9,9 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+
+#include "encoding/Hex.h"
+#include "softtoken/SoftTokenAdmin.h"
 
 namespace orvanetest {
 namespace {
@@ -99,17 +104,17 @@ HostResult runHost(const std::string& script) {
 }
 
 int runTool(const std::string& arguments) {
-    std::string command = "\"" + windowsPath(environment("ORVANE_BIN")) + "\\orvane-token.exe\" " + arguments;
+    return runCommand("\"" + windowsPath(environment("ORVANE_BIN")) + "\\orvane-token.exe\" " + arguments);
+}
+
+int runCommand(const std::string& commandLine) {
+    std::string command = commandLine;
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process{};
     if (!CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) return -1;
-    WaitForSingleObject(process.hProcess, INFINITE);
-    DWORD exitCode = 0;
-    GetExitCodeProcess(process.hProcess, &exitCode);
-    CloseHandle(process.hProcess);
     CloseHandle(process.hThread);
-    return static_cast<int>(exitCode);
+    return finish(process.hProcess);
 }
 
 void* startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile) {
@@ -131,11 +136,55 @@ void* startProgram(const std::string& program, const std::string& arguments, con
     return process.hProcess;
 }
 
+int finish(void* process, unsigned long limitMs) {
+    if (process == nullptr) return -1;
+    DWORD code = static_cast<DWORD>(-1);
+    if (WaitForSingleObject(process, limitMs) == WAIT_TIMEOUT) {
+        TerminateProcess(process, 1);
+        WaitForSingleObject(process, 10000);
+    } else {
+        GetExitCodeProcess(process, &code);
+    }
+    CloseHandle(process);
+    return static_cast<int>(code);
+}
+
 std::string useFreshStore(const std::string& name) {
     std::string folder = workDir() + "/stores/" + name;
     runHost("rm -rf '" + folder + "' && mkdir -p '" + folder + "'");
     SetEnvironmentVariableA("ORVANE_TOKEN_STORE", windowsPath(folder).c_str());
     return folder;
+}
+
+void addToken(const std::string& serial, bool signedOn, int retries) {
+    EXPECT_EQ(0, softtoken::admin::createToken(serial, serial, "1234", retries)) << serial;
+    if (signedOn) {
+        EXPECT_EQ(0, softtoken::admin::setSignOn(serial, 1, 1)) << serial;
+    }
+}
+
+void freshToken(const std::string& serial, bool signedOn, int retries) {
+    useFreshStore(serial);
+    addToken(serial, signedOn, retries);
+}
+
+std::string newKeyPair(const std::string& serial, int keyType, int usage, const std::string& label) {
+    std::string keyId;
+    EXPECT_EQ(0, softtoken::admin::generateKeyPair(serial, keyType, label, usage, 0, keyId)) << serial;
+    return keyId;
+}
+
+Bytes onHost(const std::string& script, const std::string& outputFile) {
+    HostResult host = runHost(script);
+    EXPECT_EQ(0, host.exitCode) << script << "\n" << host.output;
+    return readFile(workDir() + "/" + outputFile);
+}
+
+Bytes aesWrap(const Bytes& kek, const Bytes& key) {
+    writeFile(workDir() + "/wrap-in.bin", key);
+    return onHost("openssl enc -id-aes" + std::to_string(kek.size() * 8) + "-wrap -K " + orvane::toHex(kek) +
+                      " -iv A6A6A6A6A6A6A6A6 -in wrap-in.bin -out wrap-out.bin",
+                  "wrap-out.bin");
 }
 
 }  // namespace orvanetest

@@ -26,14 +26,30 @@ struct HostResult {
 // children or pass their exit codes, so the script reports through files that we poll.
 HostResult runHost(const std::string& script);
 
+// Runs a Windows command line as a separate process and returns its exit code (-1: it did not start).
+int runCommand(const std::string& commandLine);
 // Runs the provisioning tool as a separate Windows process and returns its exit code.
 int runTool(const std::string& arguments);
 // Starts a program of the build's bin folder as a separate process with its stdout and stderr
 // in outputFile (a Unix path). Returns the process handle (a HANDLE), null when it did not start.
 void* startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile);
+// Waits for a process that startProgram started and closes it: its exit code, or -1 when it
+// outlasted the limit and was ended.
+int finish(void* process, unsigned long limitMs = 0xFFFFFFFF);
 
 // Points the software token of this process (and of the tools it starts) at a new, empty
 // store folder named after the test; returns the folder's Unix path.
 std::string useFreshStore(const std::string& name);
+// A token with PIN 1234 (its label is its serial), signed on in Token Manager unless told otherwise.
+void addToken(const std::string& serial, bool signedOn = true, int retries = 5);
+// A new store (named after the serial) holding only that token.
+void freshToken(const std::string& serial, bool signedOn = true, int retries = 5);
+// A key pair generated on a token; its hex id.
+std::string newKeyPair(const std::string& serial, int keyType, int usage = 3, const std::string& label = "");
+
+// Runs an OpenSSL script in the work folder and returns the file it wrote; a failing script fails the test.
+Bytes onHost(const std::string& script, const std::string& outputFile);
+// The key wrapped under kek by OpenSSL (RFC 3394).
+Bytes aesWrap(const Bytes& kek, const Bytes& key);
 
 }  // namespace orvanetest
