@@ -32,6 +32,11 @@ struct CspContext;
 // `finished`). False when the library fails or answers a length that cannot be right.
 bool finishLibraryHash(const CspContext& context, HashContext& hash, int capacity);
 
+// The digest that CPVerifySignature checks, from the hash object itself: finished by the
+// library when it has none yet, under CPGetHashParam's rules (only MD5, SHA-1 and SHA-256
+// digests). 0, or the NTE_BAD_HASH to fail with after the failure log line.
+DWORD finishDigestForVerification(const CspContext& context, HashContext& hash);
+
 // Wiped first (valid becomes 0), so a stale handle that still finds the memory is refused.
 inline void releaseHash(HashContext* hash) {
     SecureZeroMemory(hash, sizeof *hash);

@@ -48,8 +48,4 @@ inline void releaseForCaller(void* buffer) {
     if (buffer != nullptr) HeapFree(GetProcessHeap(), 0, buffer);
 }
 
-// KSPEnumKeys hands out each key-name record and its two strings as separate blocks; callers
-// give back the record alone or all three. True when buffer was one of them, now dealt with.
-bool releaseKeyNameForCaller(void* buffer);
-
 }  // namespace orvane::ksp
