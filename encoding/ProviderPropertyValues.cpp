@@ -43,13 +43,6 @@ ChainingMode chainingModeFromPropertyValue(const unsigned char* value, size_t le
     return ChainingMode::kUnsupported;
 }
 
-size_t expectedIvSize(uint32_t symmetricKeyLength) {
-    switch (symmetricKeyLength) {
-    case 16:
-    case 32: return 16;
-    case 24: return 8;
-    default: return 0;
-    }
-}
+size_t expectedIvSize(uint32_t symmetricKeyLength) { return ivBytesOf(symmetricKeyTypeForLength(symmetricKeyLength)); }
 
 }  // namespace orvane::properties

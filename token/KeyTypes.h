@@ -38,22 +38,23 @@ struct KeyTypeRow {
     KeyFamily family;
     uint32_t bits;              // modulus, curve or key size
     uint32_t secretBytes;       // raw key length of a symmetric type; 0 for pairs
+    uint32_t ivBytes;           // IV length of a symmetric type (its block size); 0 for pairs
     const wchar_t* cngName;     // CNG algorithm name of a key pair
     int encryptionType;         // orvane_encrypt's first argument for an RSA size; 0 otherwise
     uint32_t cspSignatureSize;  // CPSignHash's size answer; 0: the default answer
 };
 
 inline constexpr KeyTypeRow kKeyTypes[] = {
-    {1, KeyFamily::kRsa, 1024, 0, L"RSA", 7, 0},
-    {2, KeyFamily::kRsa, 2048, 0, L"RSA", 8, 0},
-    {3, KeyFamily::kRsa, 3072, 0, L"RSA", 9, 384},
-    {4, KeyFamily::kRsa, 4096, 0, L"RSA", 10, 512},
-    {5, KeyFamily::kEc, 256, 0, L"ECDSA_P256", 0, 0},
-    {6, KeyFamily::kEc, 384, 0, L"ECDSA_P384", 0, 0},
-    {7, KeyFamily::kEc, 521, 0, L"ECDSA_P521", 0, 0},
-    {8, KeyFamily::kAes, 128, 16, nullptr, 0, 0},
-    {10, KeyFamily::kAes, 256, 32, nullptr, 0, 0},
-    {11, KeyFamily::kDes3, 192, 24, nullptr, 0, 0},
+    {1, KeyFamily::kRsa, 1024, 0, 0, L"RSA", 7, 0},
+    {2, KeyFamily::kRsa, 2048, 0, 0, L"RSA", 8, 0},
+    {3, KeyFamily::kRsa, 3072, 0, 0, L"RSA", 9, 384},
+    {4, KeyFamily::kRsa, 4096, 0, 0, L"RSA", 10, 512},
+    {5, KeyFamily::kEc, 256, 0, 0, L"ECDSA_P256", 0, 0},
+    {6, KeyFamily::kEc, 384, 0, 0, L"ECDSA_P384", 0, 0},
+    {7, KeyFamily::kEc, 521, 0, 0, L"ECDSA_P521", 0, 0},
+    {8, KeyFamily::kAes, 128, 16, 16, nullptr, 0, 0},
+    {10, KeyFamily::kAes, 256, 32, 16, nullptr, 0, 0},
+    {11, KeyFamily::kDes3, 192, 24, 8, nullptr, 0, 0},
 };
 
 inline constexpr int32_t kDefaultRsaKeyType = 2;       // RSA-2048: what an unknown RSA size becomes
@@ -70,6 +71,18 @@ constexpr const KeyTypeRow* keyTypeRowFor(KeyFamily family, uint32_t bits) {
         if (row.family == family && row.bits == bits) return &row;
     return nullptr;
 }
+
+// The smallest and largest RSA size the token knows, and the size of its default type.
+constexpr uint32_t rsaBitsBound(bool largest) {
+    uint32_t bound = 0;
+    for (const KeyTypeRow& row : kKeyTypes)
+        if (row.family == KeyFamily::kRsa && (bound == 0 || (largest ? row.bits > bound : row.bits < bound)))
+            bound = row.bits;
+    return bound;
+}
+inline constexpr uint32_t kSmallestRsaBits = rsaBitsBound(false);
+inline constexpr uint32_t kLargestRsaBits = rsaBitsBound(true);
+inline constexpr uint32_t kDefaultRsaBits = keyTypeRow(kDefaultRsaKeyType)->bits;
 
 // Key pair size: 1024-4096 for RSA, 256/384/521 for EC; 0 for any other code.
 constexpr uint32_t keyPairBits(int32_t code) {
@@ -116,6 +129,12 @@ constexpr int32_t symmetricKeyTypeForLength(size_t length) {
     for (const KeyTypeRow& row : kKeyTypes)
         if (row.secretBytes != 0 && row.secretBytes == length) return row.code;
     return 0;
+}
+
+// The IV length of a symmetric type; 0 for any other code.
+constexpr uint32_t ivBytesOf(int32_t code) {
+    const KeyTypeRow* row = keyTypeRow(code);
+    return row != nullptr ? row->ivBytes : 0;
 }
 
 // The AES type of a raw key: AES-128 for 16 bytes, AES-256 for any other length.

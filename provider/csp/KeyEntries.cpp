@@ -78,7 +78,7 @@ uint32_t usageForGeneratedKey(ALG_ID algId) {
 BOOL generateKey(CspContext& context, std::unique_ptr<CspKey> key, ALG_ID algId, uint32_t usage, DWORD dwFlags,
                  HCRYPTKEY* phKey) {
     // The size is recorded in the handle only; the token generates a key of its own size.
-    uint32_t bits = dwFlags >> 16 ? dwFlags >> 16 : keyPairBits(kDefaultRsaKeyType);
+    uint32_t bits = dwFlags >> 16 ? dwFlags >> 16 : kDefaultRsaBits;
     key->algId = algId;
     OrvaneKeyPair request{};
     request.keyUsage = static_cast<int32_t>(usage);
@@ -189,8 +189,9 @@ BOOL WINAPI CPSetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const
         if (pbData == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 
         if (dwParam == KP_IV) {
-            // Only AES-256 (16-byte IV) and triple DES (8-byte IV) keys set the shared IV.
-            size_t ivLength = key->algId == ORVANE_KEY_AES_256 ? 16 : key->algId == ORVANE_KEY_DES3 ? 8 : 0;
+            // The handle's ALG_ID holds the token type of an imported key; only AES-256 and
+            // triple DES keys set the shared IV, AES-128 keys leave it.
+            size_t ivLength = key->algId == ORVANE_KEY_AES_128 ? 0 : ivBytesOf(static_cast<int32_t>(key->algId));
             if (ivLength != 0) setCurrentIv(pbData, ivLength);
             return TRUE;
         }

@@ -46,8 +46,8 @@ struct AlgorithmRow {
 };
 
 const AlgorithmRow kAlgorithms[] = {
-    {CALG_RSA_SIGN, 1024, 4096, 2048, 0x20, "RSA-Sign", "RSA Signature Algorithm"},
-    {CALG_RSA_KEYX, 1024, 4096, 2048, 0x40, "RSA-KeyX", "RSA Key Exchange Algorithm"},
+    {CALG_RSA_SIGN, kSmallestRsaBits, kLargestRsaBits, kDefaultRsaBits, 0x20, "RSA-Sign", "RSA Signature Algorithm"},
+    {CALG_RSA_KEYX, kSmallestRsaBits, kLargestRsaBits, kDefaultRsaBits, 0x40, "RSA-KeyX", "RSA Key Exchange Algorithm"},
     {CALG_SHA1, 256, 256, 256, 0x80, "SHA1", "SHA-1 Hash Algorithm"},
     {CALG_SHA_256, 256, 256, 256, 0x80, "SHA256", "SHA-256 Hash Algorithm"},
 };

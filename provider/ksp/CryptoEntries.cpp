@@ -126,10 +126,9 @@ SECURITY_STATUS WINAPI KSPEncrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDL
         KspKey* key = keyFromHandle(hKey);
         if (key == nullptr || pcbResult == nullptr) return NTE_INVALID_PARAMETER;
 
+        // The ciphertext is modulus-sized, whatever length the plaintext has.
         DWORD size = key->pair.bitLength / 8;
-        *pcbResult = size;
-        if (pbOutput == nullptr) return ERROR_SUCCESS;
-        if (cbOutput < size) return NTE_BUFFER_TOO_SMALL;
+        if (std::optional<SECURITY_STATUS> sizeOnly = answerSizeOnly(size, pbOutput, cbOutput, pcbResult)) return *sizeOnly;
         if (pbInput == nullptr || cbInput == 0) return NTE_INVALID_PARAMETER;
         if (SECURITY_STATUS refused = signOn(*provider, dwFlags)) return refused;
 
@@ -158,10 +157,8 @@ SECURITY_STATUS WINAPI KSPDecrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDL
         if (key == nullptr || pcbResult == nullptr) return NTE_INVALID_PARAMETER;
 
         bool symmetric = key->symmetricKeyLength > 0;
-        if (!symmetric && pbOutput == nullptr) {
-            *pcbResult = key->pair.bitLength / 8;
-            return ERROR_SUCCESS;
-        }
+        // Only a token key's size is known beforehand: its modulus.
+        if (!symmetric && pbOutput == nullptr) return *answerSizeOnly(key->pair.bitLength / 8, pbOutput, cbOutput, pcbResult);
         if (pbInput == nullptr || cbInput == 0) return NTE_INVALID_PARAMETER;
         if (SECURITY_STATUS refused = signOn(*provider, dwFlags)) return refused;
 

@@ -74,7 +74,7 @@ SECURITY_STATUS generateOnToken(KspProvider& provider, KspKey& key) {
     if (keyType == 0) {
         // Sizes other than the token's RSA sizes generate RSA-2048; the key still reports the size set.
         keyType = rsaKeyTypeOrDefault(bitLength);
-        if (bitLength == 0) bitLength = keyPairBits(kDefaultRsaKeyType);
+        if (bitLength == 0) bitLength = kDefaultRsaBits;
     }
     Utils::logMessage("KSP: FinalizeKey - generating key, algorithm=" + std::to_string(keyType) +
                       " bitSize=" + std::to_string(bitLength));

@@ -26,7 +26,8 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 
 const DWORD kAllowExport = 0x1;     // NCRYPT_ALLOW_EXPORT_FLAG
-const DWORD kSupportedLengths[4] = {1024, 4096, 1024, 2048};  // NCRYPT_SUPPORTED_LENGTHS: min, max, step, default
+// NCRYPT_SUPPORTED_LENGTHS: min, max, step (the token's RSA sizes are 1024 apart), default.
+const DWORD kSupportedLengths[4] = {kSmallestRsaBits, kLargestRsaBits, 1024, kDefaultRsaBits};
 
 bool isProperty(LPCWSTR property, const wchar_t* name) { return std::wcscmp(property, name) == 0; }
 
