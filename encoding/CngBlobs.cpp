@@ -1,7 +1,6 @@
 #include "encoding/CngBlobs.h"
 
 #include "encoding/ByteOrder.h"
-#include "encoding/KeyBlobs.h"
 
 namespace orvane::cng {
 namespace {
@@ -31,7 +30,7 @@ BlobRefusal parseRsaPublicBlob(const unsigned char* blob, size_t length, RsaPubl
     const unsigned char* modulus = blob + sizeof(BcryptRsaKeyBlob) + exponentLength;
     key.modulus.assign(modulus, modulus + modulusLength);
     key.bitLength = bitLength;
-    if (blobs::rsaKeyTypeForBits(bitLength) == 0) return BlobRefusal::kUnsupportedSize;
+    if (rsaKeyTypeForBits(bitLength) == 0) return BlobRefusal::kUnsupportedSize;
     return BlobRefusal::kNone;
 }
 
@@ -44,15 +43,6 @@ BlobRefusal parseKeyDataBlob(const unsigned char* blob, size_t length, Bytes& ke
     const unsigned char* key = blob + sizeof(BcryptKeyDataBlobHeader);
     keyBytes.assign(key, key + keyLength);
     return symmetricKeyTypeForLength(keyLength) == 0 ? BlobRefusal::kUnsupportedSize : BlobRefusal::kNone;
-}
-
-int32_t symmetricKeyTypeForLength(size_t length) {
-    switch (length) {
-    case 16: return 8;
-    case 24: return 11;
-    case 32: return 10;
-    default: return 0;
-    }
 }
 
 Bytes encodeRsaPublicBlob(const unsigned char* modulus, size_t modulusLength) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "encoding/WindowsLayouts.h"
+#include "encoding/KeyTypes.h"
 
 namespace orvane::cng {
 
@@ -20,7 +21,8 @@ const uint32_t kPadOaepFlag = 0x4;   // NCRYPT_PAD_OAEP_FLAG
 const uint32_t kPadPssFlag = 0x8;    // BCRYPT_PAD_PSS
 const uint32_t kSilentFlag = 0x40;   // NCRYPT_SILENT_FLAG
 
-// The token library's padding code for orvane_encrypt: 4 (OAEP) or 1 (PKCS #1 v1.5).
+// The token library's padding code for orvane_encrypt: 4 (OAEP) or 1 (PKCS #1 v1.5), the
+// values of the library's PaddingMode.
 inline int paddingModeForFlags(uint32_t flags) { return (flags & kPadOaepFlag) ? 4 : 1; }
 // PSS alone is refused; PSS together with PKCS #1 signs as PKCS #1.
 inline bool asksForPssOnly(uint32_t flags) { return (flags & kPadPssFlag) && !(flags & kPadPkcs1Flag); }
@@ -45,7 +47,7 @@ BlobRefusal parseKeyDataBlob(const unsigned char* blob, size_t length, Bytes& ke
 
 // Token symmetric key type of a raw key: 16 bytes AES-128 (8), 24 triple DES (11), 32 AES-256
 // (10); 0 for any other length.
-int32_t symmetricKeyTypeForLength(size_t length);
+using orvane::symmetricKeyTypeForLength;
 
 // BCRYPT_RSAKEY_BLOB of a big-endian modulus with exponent 65537: 27 + n bytes.
 Bytes encodeRsaPublicBlob(const unsigned char* modulus, size_t modulusLength);

@@ -1,7 +1,5 @@
 #include "encoding/Der.h"
 
-#include "encoding/Hex.h"
-
 namespace orvane {
 namespace {
 
@@ -34,9 +32,9 @@ Bytes derWrap(unsigned char tag, const Bytes& content) {
     return out;
 }
 
-Bytes encodeRsaPublicKeyDer(const std::string& modulusHex, const std::string& exponentHex) {
-    Bytes integers = derInteger(hexToBytes(modulusHex));
-    append(integers, derInteger(hexToBytes(exponentHex)));
+Bytes encodeRsaPublicKeyDer(const Bytes& modulus, const Bytes& exponent) {
+    Bytes integers = derInteger(modulus);
+    append(integers, derInteger(exponent));
     Bytes bitStringContent{0x00};
     append(bitStringContent, derWrap(0x30, integers));
 

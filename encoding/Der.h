@@ -1,7 +1,7 @@
 // Minimal DER writing over byte vectors: enough for SubjectPublicKeyInfo.
 #pragma once
 
-#include <string>
+#include <cstddef>
 #include <vector>
 
 namespace orvane {
@@ -18,8 +18,8 @@ Bytes derInteger(const Bytes& magnitude);
 // tag, length, content.
 Bytes derWrap(unsigned char tag, const Bytes& content);
 
-// SubjectPublicKeyInfo (rsaEncryption, NULL parameters) for a modulus and exponent given as hex text.
-Bytes encodeRsaPublicKeyDer(const std::string& modulusHex, const std::string& exponentHex);
+// SubjectPublicKeyInfo (rsaEncryption, NULL parameters) for a big-endian modulus and exponent.
+Bytes encodeRsaPublicKeyDer(const Bytes& modulus, const Bytes& exponent);
 
 // ECDSA-Sig-Value (SEQUENCE of INTEGER r, INTEGER s) of a signature given as r || s with
 // halves of equal length, as the token makes it: the form OpenSSL and X.509 expect.

@@ -8,6 +8,8 @@ namespace orvane::blobs {
 namespace {
 
 using orvane::appendLittleEndian32;
+using orvane::KeyFamily;
+using orvane::keyTypeRowFor;
 using orvane::readLittleEndian32;
 
 }  // namespace
@@ -50,16 +52,6 @@ RsaBlobRefusal parseRsaPublicKeyBlob(const unsigned char* blob, size_t length, R
     return RsaBlobRefusal::kNone;
 }
 
-int32_t rsaKeyTypeForBits(uint32_t bits) {
-    switch (bits) {
-    case 1024: return 1;
-    case 2048: return 2;
-    case 3072: return 3;
-    case 4096: return 4;
-    default: return 0;
-    }
-}
-
 Bytes simpleBlobPayload(const unsigned char* blob, size_t length) {
     if (blob == nullptr || length <= kPayloadOffset) return Bytes();
     return Bytes(blob + layouts::kSimpleBlobKeyOffset, blob + length);
@@ -73,9 +65,9 @@ Bytes symmetricWrapPayload(const unsigned char* blob, size_t length) {
 
 int32_t sessionKeyTypeForAlgId(uint32_t algId) {
     switch (algId) {
-    case layouts::kCalg3Des: return 11;
-    case layouts::kCalgAes128: return 8;
-    case layouts::kCalgAes256: return 10;
+    case layouts::kCalg3Des: return keyTypeRowFor(KeyFamily::kDes3, 192)->code;
+    case layouts::kCalgAes128: return keyTypeRowFor(KeyFamily::kAes, 128)->code;
+    case layouts::kCalgAes256: return keyTypeRowFor(KeyFamily::kAes, 256)->code;
     default: return 0;
     }
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "encoding/WindowsLayouts.h"
+#include "encoding/KeyTypes.h"
 
 namespace orvane::blobs {
 
@@ -46,7 +47,7 @@ enum class RsaBlobRefusal { kNone, kBadMagic, kModulusBeyondBlob, kUnsupportedSi
 RsaBlobRefusal parseRsaPublicKeyBlob(const unsigned char* blob, size_t length, RsaPublicKey& key);
 
 // Token key type (1-4) of an RSA size in bits; 0 when the size is not one the token knows.
-int32_t rsaKeyTypeForBits(uint32_t bits);
+using orvane::rsaKeyTypeForBits;
 
 // The bytes after the fixed part of SIMPLEBLOB and PLAINTEXTKEYBLOB (offset 12, length
 // less 12), and of SYMMETRICWRAPKEYBLOB (offset 8, length less 12: the last four bytes are

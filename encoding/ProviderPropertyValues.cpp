@@ -1,6 +1,7 @@
 #include "encoding/ProviderPropertyValues.h"
 
 #include "encoding/ByteOrder.h"
+#include "encoding/KeyTypes.h"
 
 namespace orvane::properties {
 
@@ -26,12 +27,8 @@ bool dwordFromPropertyValue(const unsigned char* value, size_t length, uint32_t&
 }
 
 uint32_t usageFromKeyUsageFlags(uint32_t flags, uint32_t current) {
-    bool signing = (flags & kAllowSigningFlag) != 0;
-    bool decryption = (flags & kAllowDecryptFlag) != 0;
-    if (signing && decryption) return 3;
-    if (signing) return 1;
-    if (decryption) return 2;
-    return current;
+    uint32_t usage = usageFor((flags & kAllowSigningFlag) != 0, (flags & kAllowDecryptFlag) != 0);
+    return usage != kUsageNone ? usage : current;
 }
 
 ChainingMode chainingModeFromPropertyValue(const unsigned char* value, size_t length) {
@@ -47,13 +44,6 @@ ChainingMode chainingModeFromPropertyValue(const unsigned char* value, size_t le
     return ChainingMode::kUnsupported;
 }
 
-size_t expectedIvSize(uint32_t symmetricKeyLength) {
-    switch (symmetricKeyLength) {
-    case 16:
-    case 32: return 16;
-    case 24: return 8;
-    default: return 0;
-    }
-}
+size_t expectedIvSize(uint32_t symmetricKeyLength) { return ivBytesOf(symmetricKeyTypeForLength(symmetricKeyLength)); }
 
 }  // namespace orvane::properties

@@ -1,8 +1,9 @@
 #include "encoding/PublicKeyForm.h"
 
-#include "encoding/Hex.h"
 
 namespace orvane {
+
+const Bytes kRsaPublicExponent = {0x01, 0x00, 0x01};
 
 bool isStoredPublicKeyDer(const unsigned char* stored, size_t length) { return length < 1 || stored[0] == 0x30; }
 
@@ -12,7 +13,7 @@ Bytes publicKeyAsDer(const unsigned char* stored, size_t length) {
 }
 
 Bytes modulusAsDer(const unsigned char* modulus, size_t length) {
-    return encodeRsaPublicKeyDer(toHex(modulus, length), "010001");
+    return encodeRsaPublicKeyDer(Bytes(modulus, modulus + length), kRsaPublicExponent);
 }
 
 }  // namespace orvane

@@ -10,6 +10,9 @@
 
 namespace orvane {
 
+// 65537, big-endian: the exponent of every key the token keeps as a bare modulus.
+extern const Bytes kRsaPublicExponent;
+
 bool isStoredPublicKeyDer(const unsigned char* stored, size_t length);
 
 // The DER form of a stored public key, whichever form it is kept in.

@@ -48,8 +48,7 @@ void checkPublicKey(const uint8_t* data, size_t size, const blobs::BlobHeader& h
     if (sameWords) FUZZ_CHECK(sameBytes(again.data(), data, again.size()));
 
     // The DER that both import entries build from the blob is the same RSA key.
-    orvane::Bytes der = orvane::encodeRsaPublicKeyDer(orvane::toHex(key.modulus),
-                                                      orvane::toHex(key.exponent, sizeof key.exponent));
+    orvane::Bytes der = orvane::encodeRsaPublicKeyDer(key.modulus, orvane::Bytes(key.exponent, key.exponent + 3));
     softtoken::PublicKeyInfo info;
     FUZZ_CHECK(softtoken::parseSubjectPublicKeyInfo(der, info) && info.isRsa);
     FUZZ_CHECK(info.modulus == withoutLeadingZeros(key.modulus));

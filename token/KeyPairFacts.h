@@ -5,24 +5,17 @@
 #include <cstdint>
 #include <string>
 
+#include "encoding/KeyTypes.h"
 #include "token/OrvaneDSCLibrary.h"
 
 namespace orvane {
 
-// The container / key name: upper-case hex of the 16-byte key id.
-std::string containerNameOf(const OrvaneKeyPair& keyPair);
+const size_t kKeyIdLength = 16;
 
-// Usage codes: 1 signature, 2 exchange, 3 both.
-inline bool usageAllowsSigning(int64_t usage) { return usage == 1 || usage == 3; }
-inline bool usageAllowsExchange(int64_t usage) { return usage == 2 || usage == 3; }
-
-// 1024-4096 for RSA types 1-4, 256/384/521 for EC types 5-7, 0 for anything else.
-uint32_t keyTypeBits(int32_t keyType);
-inline bool isEcKeyType(int32_t keyType) { return keyType >= ORVANE_KEY_EC_P256 && keyType <= ORVANE_KEY_EC_P521; }
-// "ECDSA_P256", "ECDSA_P384", "ECDSA_P521" for EC types; "RSA" for every other type.
-const wchar_t* cngAlgorithmName(int32_t keyType);
-// orvane_encrypt's first argument for a key size; 2048 for any size not in the table.
-EncryptionType encryptionTypeForSize(uint32_t size);
+// The hexadecimal name of a 16-byte key id: the container name, the CNG key name and the
+// form in which key ids are logged.
+std::string keyIdName(const unsigned char* keyId);
+inline std::string containerNameOf(const OrvaneKeyPair& keyPair) { return keyIdName(keyPair.keyId); }
 
 // The key-pair fields that a key handle copies from the token's record. keyId comes first:
 // the face records derive from this, and their address is handed to the library as a key id.
@@ -42,6 +35,8 @@ struct KeyPairSnapshot {
 
 // Copies a token record into a snapshot, bounding every length by its field.
 void takeSnapshot(KeyPairSnapshot& snapshot, const OrvaneKeyPair& keyPair);
+// The key id, label and token flag of an AES key the token has just stored; the rest stays.
+void takeSnapshot(KeyPairSnapshot& snapshot, const OrvaneSymmetricKey& stored);
 
 inline std::string labelOf(const OrvaneKeyPair& keyPair) {
     size_t length = 0;

@@ -7,6 +7,8 @@
 #include "diagnostics/Log.h"
 #include "encoding/Hex.h"
 #include "token/Sessions.h"
+#include "token/KeyPairFacts.h"
+#include "token/SymmetricKeys.h"
 
 namespace orvane {
 namespace {
@@ -64,17 +66,11 @@ UnwrappedKey unwrapAndStoreAesKey(const std::string& serial, void* libraryContex
         result.outcome = UnwrapOutcome::kNoKek;
         return result;
     }
-    Utils::logMessage(texts.successPrefix + toHex(kek->keyId, sizeof kek->keyId));
+    Utils::logMessage(texts.successPrefix + keyIdName(kek->keyId));
 
-    OrvaneSymmetricKey& record = result.stored;
-    std::memcpy(record.keyData, unwrapped.data, static_cast<size_t>(unwrapped.length));
-    record.keyDataLength = unwrapped.length;
-    record.keyType = keyTypeFor(static_cast<size_t>(unwrapped.length));
-    record.keyFlag = false;
-    int imported = orvane_importAesKey(serial.c_str(), getCachedPin(serial).c_str(), &record, libraryContext);
-    if (imported != 0) {
+    if (storeAesKey(serial, libraryContext, unwrapped.data, static_cast<size_t>(unwrapped.length),
+                    keyTypeFor(static_cast<size_t>(unwrapped.length)), result.stored) != 0) {
         Utils::logError(texts.importFailed);
-        SecureZeroMemory(&record, sizeof record);
         result.outcome = UnwrapOutcome::kImportFailed;
         return result;
     }

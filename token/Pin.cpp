@@ -108,7 +108,7 @@ SignOnRetryOutcome runWithSignOnRetry(const std::string& serial, const char* exp
                                       const std::function<int(const SecretBytes& pin)>& operation) {
     SignOnRetryOutcome outcome;
     outcome.result = operation(getCachedPin(serial));
-    if (outcome.result != kSignOnExpired) return outcome;
+    if (outcome.result != ORVANE_SSO_EXPIRED) return outcome;
 
     Utils::logMessage(expiredLogLine);
     clearPin(serial);

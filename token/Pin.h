@@ -11,9 +11,6 @@
 
 namespace orvane {
 
-// Token library result of a private-key operation whose sign-on has run out.
-const int kSignOnExpired = 49;
-
 // What one face writes to the log and shows around the PIN.
 struct FacePinTexts {
     const char* alreadyValidated;      // info line: a PIN is cached

@@ -29,7 +29,7 @@ SignOnRetryOutcome runPrivateKeyOperation(const PrivateKeyCall& call,
 
 }  // namespace
 
-PrivateKeyResult signOnToken(const PrivateKeyCall& call, const std::vector<unsigned char>& digest, size_t capacity) {
+PrivateKeyResult signWithTokenKey(const PrivateKeyCall& call, const std::vector<unsigned char>& digest, size_t capacity) {
     PrivateKeyResult outcome;
     std::vector<unsigned char> buffer(std::max(capacity, kSignatureRoom));
     int signatureLength = 0;

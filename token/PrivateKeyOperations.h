@@ -28,7 +28,7 @@ struct PrivateKeyCall {
 };
 
 // orvane_signHash of a bare digest, the library told `capacity` as the signature length.
-PrivateKeyResult signOnToken(const PrivateKeyCall& call, const std::vector<unsigned char>& digest, size_t capacity);
+PrivateKeyResult signWithTokenKey(const PrivateKeyCall& call, const std::vector<unsigned char>& digest, size_t capacity);
 
 // orvane_decrypt of big-endian ciphertext; afterCallLogLine (may be null) follows each call.
 PrivateKeyResult decryptOnToken(const PrivateKeyCall& call, const std::vector<unsigned char>& cipher,

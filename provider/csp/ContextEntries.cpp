@@ -11,6 +11,8 @@
 #include "token/KeyPairFacts.h"
 #include "token/OrvaneDSCLibrary.h"
 #include "token/Devices.h"
+#include "token/KeySearch.h"
+#include "token/Sessions.h"
 
 using namespace orvane;
 using namespace orvane::csp;
@@ -20,6 +22,28 @@ namespace {
 // The provider's answer when no usable token is connected.
 const HRESULT kNoUsableToken = NTE_TOKEN_KEYSET_STORAGE_FULL;
 const uint32_t kKeysetType = 0x1000;
+
+std::string loggedContainerName(LPCSTR szContainer) {
+    if (szContainer == nullptr) {
+        Utils::logMessage("CPAcquireContext - Container name not provided");
+        return std::string();
+    }
+    std::string containerName = szContainer;
+    Utils::logMessage("CPAcquireContext - Container name : " + containerName);
+    return containerName;
+}
+
+// The names PP_ENUMCONTAINERS hands out for the context's life, each logged as it is read.
+std::vector<std::string> listContainerNames(const CspContext& context) {
+    std::vector<OrvaneKeyPair> keyPairs = readKeyPairs(context.serialNumber, context.libraryContext);
+    if (keyPairs.empty()) Utils::logMessage("Acquire Context :: Key List is empty");
+    std::vector<std::string> names;
+    for (const OrvaneKeyPair& keyPair : keyPairs) {
+        names.push_back(containerNameOf(keyPair));
+        Utils::logMessage(names.back());
+    }
+    return names;
+}
 
 }  // namespace
 
@@ -33,28 +57,14 @@ BOOL WINAPI CPAcquireContext(HCRYPTPROV* phProv, LPCSTR szContainer, DWORD dwFla
         if (!context) return failWith(NTE_NO_MEMORY);
         if (!initializeConnectedDevices(context->libraryContext, kCspDeviceInitTexts)) return failWith(kNoUsableToken);
 
-        std::string containerName;
-        if (szContainer == nullptr) {
-            Utils::logMessage("CPAcquireContext - Container name not provided");
-        } else {
-            containerName = szContainer;
-            Utils::logMessage("CPAcquireContext - Container name : " + containerName);
-        }
-
+        std::string containerName = loggedContainerName(szContainer);
         context->serialNumber = findSerialForContainer(containerName);
         if (context->serialNumber.empty()) {
             Utils::logError("No initialized device found");
             return failWith(kNoUsableToken);
         }
 
-        std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(context->serialNumber.c_str(), context->libraryContext);
-        if (keyPairs.empty()) Utils::logMessage("Acquire Context :: Key List is empty");
-        for (const OrvaneKeyPair& keyPair : keyPairs) {
-            std::string name = containerNameOf(keyPair);
-            Utils::logMessage(name);
-            context->containerNames.push_back(name);
-        }
-
+        context->containerNames = listContainerNames(*context);
         context->containerName = containerName;
         context->keysetType = kKeysetType;
         context->isInitialized = true;

@@ -1,10 +1,11 @@
-// The CryptoAPI buffer-size protocol: a null output buffer asks for the size; a buffer
-// that is too short gets the size and ERROR_MORE_DATA. The variants differ per parameter.
+// The CryptoAPI buffer-size protocol. Which answer a missing or short buffer gets differs per
+// parameter by design; each rule is named here once, and every entry answers through one.
 #pragma once
 
 #include <windows.h>
 
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "diagnostics/Log.h"
@@ -12,37 +13,62 @@
 
 namespace orvane::csp {
 
-// A size query when pbData is null or *pdwDataLen is 0; a short buffer fails with
-// ERROR_MORE_DATA after the failure log line shortLogText + the size; else copies.
-inline BOOL answerBytes(const void* value, DWORD size, BYTE* pbData, DWORD* pdwDataLen, const char* shortLogText) {
-    if (pbData == nullptr || *pdwDataLen == 0) {
-        *pdwDataLen = size;
-        return TRUE;
-    }
-    if (*pdwDataLen < size) {
-        *pdwDataLen = size;
-        if (shortLogText) Utils::logError(shortLogText + std::to_string(size));
+enum class SizeRule {
+    // Null buffer: the size and TRUE. Short buffer: the size, FALSE and ERROR_MORE_DATA.
+    kNullAsksShortFails,
+    // The same, and a zero length asks for the size as a null buffer does.
+    kNullOrEmptyAsksShortFails,
+    // Null buffer: the size, TRUE and ERROR_MORE_DATA. Short buffer: the size, FALSE and ERROR_MORE_DATA.
+    kNullAsksWithMoreDataShortFails,
+    // Null or short buffer: the size, TRUE and ERROR_MORE_DATA.
+    kMissingOrShortIsMoreData,
+    // Null or short buffer: the size and TRUE, nothing reported; the value is written only when it fits.
+    kWrittenWhenRoom,
+};
+
+// The outcome of a call whose buffer is missing or short under the rule (the size is already
+// in *pdwDataLen); empty when `available` bytes hold the value, which is then the caller's to copy.
+// shortLogLine, written before the last error is set: with kNullOrEmptyAsksShortFails a failure
+// line followed by the size when the buffer is short, with kMissingOrShortIsMoreData an
+// ordinary line whenever the value is not written.
+inline std::optional<BOOL> answerSizeOnly(SizeRule rule, const BYTE* pbData, DWORD available, DWORD size,
+                                          DWORD* pdwDataLen, const char* shortLogLine = nullptr) {
+    bool asks = pbData == nullptr || (rule == SizeRule::kNullOrEmptyAsksShortFails && available == 0);
+    if (!asks && available >= size) return std::nullopt;
+    *pdwDataLen = size;
+    switch (rule) {
+    case SizeRule::kNullAsksShortFails:
+    case SizeRule::kNullOrEmptyAsksShortFails:
+        if (asks) return TRUE;
+        if (shortLogLine != nullptr && rule == SizeRule::kNullOrEmptyAsksShortFails)
+            Utils::logError(shortLogLine + std::to_string(size));
         return failWith(static_cast<DWORD>(ERROR_MORE_DATA));
+    case SizeRule::kNullAsksWithMoreDataShortFails:
+        if (!asks) return failWith(static_cast<DWORD>(ERROR_MORE_DATA));
+        SetLastError(ERROR_MORE_DATA);
+        return TRUE;
+    case SizeRule::kMissingOrShortIsMoreData:
+        if (shortLogLine != nullptr) Utils::logMessage(shortLogLine);
+        SetLastError(ERROR_MORE_DATA);
+        return TRUE;
+    case SizeRule::kWrittenWhenRoom:
+        break;
     }
-    std::memcpy(pbData, value, size);
+    return TRUE;
+}
+
+// The value under the rule: the size-only answer, or the value copied and its size.
+inline BOOL answerValue(SizeRule rule, const void* value, DWORD size, BYTE* pbData, DWORD* pdwDataLen,
+                        const char* shortLogLine = nullptr) {
+    if (std::optional<BOOL> sizeOnly = answerSizeOnly(rule, pbData, *pdwDataLen, size, pdwDataLen, shortLogLine))
+        return *sizeOnly;
+    if (size != 0) std::memcpy(pbData, value, size);
     *pdwDataLen = size;
     return TRUE;
 }
 
-inline BOOL answerDword(DWORD value, BYTE* pbData, DWORD* pdwDataLen, const char* shortLogText) {
-    return answerBytes(&value, sizeof value, pbData, pdwDataLen, shortLogText);
-}
-
-// A 4-byte answer that succeeds whether or not it was written: a missing or short buffer
-// gets the size and ERROR_MORE_DATA with TRUE, after the ordinary log line shortLogText.
-inline BOOL answerDwordOrMoreData(DWORD value, BYTE* pbData, DWORD* pdwDataLen, const char* shortLogText = nullptr) {
-    bool written = pbData != nullptr && *pdwDataLen >= sizeof value;
-    if (written) std::memcpy(pbData, &value, sizeof value);
-    *pdwDataLen = sizeof value;
-    if (written) return TRUE;
-    if (shortLogText) Utils::logMessage(shortLogText);
-    SetLastError(ERROR_MORE_DATA);
-    return TRUE;
+inline BOOL answerDword(SizeRule rule, DWORD value, BYTE* pbData, DWORD* pdwDataLen, const char* shortLogLine = nullptr) {
+    return answerValue(rule, &value, sizeof value, pbData, pdwDataLen, shortLogLine);
 }
 
 }  // namespace orvane::csp

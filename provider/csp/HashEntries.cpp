@@ -11,7 +11,9 @@
 #include "provider/csp/CspResult.h"
 #include "provider/csp/HashContext.h"
 #include "token/OrvaneDSCLibrary.h"
+#include "token/TokenRequests.h"
 
+using namespace orvane;
 using namespace orvane::csp;
 
 namespace {
@@ -32,6 +34,12 @@ const HashAlgorithm kHashAlgorithms[] = {
     {CALG_SHA_512, ORVANE_MECH_SHA512, 64, "Crete hash algorithm 512"},
 };
 
+const HashAlgorithm* findHashAlgorithm(ALG_ID algId) {
+    for (const HashAlgorithm& candidate : kHashAlgorithms)
+        if (candidate.algId == algId) return &candidate;
+    return nullptr;
+}
+
 // What CPGetHashParam can report for a mechanism: MD5, SHA-1 and SHA-256 only.
 bool reportableHash(uint32_t mechanism, ALG_ID& algId, DWORD& digestSize) {
     switch (mechanism) {
@@ -42,16 +50,11 @@ bool reportableHash(uint32_t mechanism, ALG_ID& algId, DWORD& digestSize) {
     }
 }
 
-// Short buffers fail with ERROR_MORE_DATA; only a null buffer is a size query.
-BOOL answerFixedSize(const void* value, DWORD size, BYTE* pbData, DWORD* pdwDataLen) {
-    if (pbData == nullptr) {
-        *pdwDataLen = size;
-        return TRUE;
-    }
-    if (*pdwDataLen < size) {
-        *pdwDataLen = size;
-        return failWith(static_cast<DWORD>(ERROR_MORE_DATA));
-    }
+const SizeRule kHashParamRule = SizeRule::kNullAsksShortFails;
+
+BOOL answerHashParam(const void* value, DWORD size, BYTE* pbData, DWORD* pdwDataLen) {
+    if (std::optional<BOOL> sizeOnly = answerSizeOnly(kHashParamRule, pbData, *pdwDataLen, size, pdwDataLen))
+        return *sizeOnly;
     std::memcpy(pbData, value, size);
     *pdwDataLen = size;
     Utils::logMessage("Get hash param success");
@@ -76,7 +79,7 @@ namespace orvane::csp {
 
 bool finishLibraryHash(const CspContext& context, HashContext& hash, int capacity) {
     int length = capacity;
-    if (orvane_finalHash(hash.libraryHash, hash.hashValue, &length, context.libraryContext) != 0) return false;
+    if (finishHash(hash.libraryHash, hash.hashValue, &length, context.libraryContext) != 0) return false;
     if (length < 0 || static_cast<size_t>(length) > sizeof hash.hashValue) return false;
     hash.hashValueLength = static_cast<uint32_t>(length);
     return true;
@@ -93,22 +96,13 @@ BOOL answerHashValue(CspContext& context, HashContext& hash, BYTE* pbData, DWORD
         Utils::logMessage("Unsupported Algorithm : " + std::to_string(hash.mechanism));
         return failWith(NTE_BAD_ALGID);
     }
-    if (pbData == nullptr) {
-        *pdwDataLen = expected;
-        return TRUE;
-    }
+    if (pbData == nullptr) return answerValue(kHashParamRule, nullptr, expected, nullptr, pdwDataLen);
     if (!hash.finished) {
         if (!finishLibraryHash(context, hash, static_cast<int>(expected))) return failWith(NTE_FAIL);
         hash.finished = true;
     }
     // The digest stays stored, so a retry with a larger buffer does not ask the library again.
-    if (*pdwDataLen < hash.hashValueLength) {
-        *pdwDataLen = hash.hashValueLength;
-        return failWith(static_cast<DWORD>(ERROR_MORE_DATA));
-    }
-    std::memcpy(pbData, hash.hashValue, hash.hashValueLength);
-    *pdwDataLen = hash.hashValueLength;
-    return TRUE;
+    return answerValue(kHashParamRule, hash.hashValue, hash.hashValueLength, pbData, pdwDataLen);
 }
 
 }  // namespace
@@ -121,9 +115,7 @@ BOOL WINAPI CPCreateHash(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTKEY, DWORD dwFlag
         if (context == nullptr) return failWith(NTE_BAD_UID);
 
         Utils::logMessage("Crete hash algorithm input : " + std::to_string(Algid));
-        const HashAlgorithm* algorithm = nullptr;
-        for (const HashAlgorithm& candidate : kHashAlgorithms)
-            if (candidate.algId == Algid) algorithm = &candidate;
+        const HashAlgorithm* algorithm = findHashAlgorithm(Algid);
         if (algorithm == nullptr) {
             Utils::logMessage("Crete hash algorithm defaukt");
             return failWith(NTE_BAD_ALGID);
@@ -136,8 +128,8 @@ BOOL WINAPI CPCreateHash(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTKEY, DWORD dwFlag
         hash->mechanism = algorithm->mechanism;
         Utils::logMessage("Crete hash algorithm : " + std::to_string(hash->mechanism));
 
-        if (orvane_initHash(context->serialNumber.c_str(), static_cast<int>(hash->mechanism), &hash->libraryHash,
-                            context->libraryContext) != 0) {
+        if (startHash(context->serialNumber, static_cast<int>(hash->mechanism), &hash->libraryHash,
+                      context->libraryContext) != 0) {
             delete hash;
             return failWith(NTE_FAIL);
         }
@@ -152,7 +144,7 @@ BOOL WINAPI CPHashData(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbData, D
         if (context == nullptr) return failWith(NTE_BAD_UID);
         HashContext* hash = hashFromHandle(hHash);
         if (hash == nullptr) return failWith(NTE_BAD_HASH);
-        if (orvane_updateHash(hash->libraryHash, pbData, static_cast<int>(cbDataLen), context->libraryContext) != 0)
+        if (feedHash(hash->libraryHash, pbData, cbDataLen, context->libraryContext) != 0)
             return failWith(NTE_FAIL);
         return TRUE;
     });
@@ -173,7 +165,7 @@ BOOL WINAPI CPGetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, BY
         case HP_ALGID:
             if (pbData != nullptr && *pdwDataLen >= sizeof(DWORD) && !reportableHash(hash->mechanism, algId, digestSize))
                 return failWith(NTE_BAD_ALGID);
-            return answerFixedSize(&algId, sizeof algId, pbData, pdwDataLen);
+            return answerHashParam(&algId, sizeof algId, pbData, pdwDataLen);
         case HP_HASHVAL:
             return answerHashValue(*context, *hash, pbData, pdwDataLen);
         case HP_HASHSIZE:
@@ -181,10 +173,10 @@ BOOL WINAPI CPGetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, BY
                 if (!reportableHash(hash->mechanism, algId, digestSize)) return failWith(NTE_BAD_ALGID);
                 Utils::logMessage("Get hash param hashSize : " + std::to_string(digestSize));
             }
-            return answerFixedSize(&digestSize, sizeof digestSize, pbData, pdwDataLen);
+            return answerHashParam(&digestSize, sizeof digestSize, pbData, pdwDataLen);
         case HP_HMAC_INFO:
             if (!hash->hmacInfoSet) return failWith(NTE_BAD_TYPE);
-            return answerFixedSize(&hash->hmacInfo, sizeof hash->hmacInfo, pbData, pdwDataLen);
+            return answerHashParam(&hash->hmacInfo, sizeof hash->hmacInfo, pbData, pdwDataLen);
         default:
             return failWith(NTE_BAD_TYPE);
         }
@@ -208,8 +200,8 @@ BOOL WINAPI CPSetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, co
         if (dwParam == HP_HMAC_INFO) {
             // Stored only: no keyed hashing is done, and the hash starts afresh.
             std::memcpy(&hash->hmacInfo, pbData, sizeof hash->hmacInfo);
-            if (orvane_initHash(context->serialNumber.c_str(), static_cast<int>(hash->mechanism), &hash->libraryHash,
-                                context->libraryContext) != 0)
+            if (startHash(context->serialNumber, static_cast<int>(hash->mechanism), &hash->libraryHash,
+                          context->libraryContext) != 0)
                 return failWith(NTE_FAIL);
             return TRUE;
         }
@@ -232,8 +224,8 @@ BOOL WINAPI CPDuplicateHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD*, DWORD dw
         *copy = *source;
         copy->hashAlgorithm = 0;
         copy->libraryHash = nullptr;
-        if (orvane_initHash(context->serialNumber.c_str(), static_cast<int>(source->mechanism), &copy->libraryHash,
-                            context->libraryContext) != 0) {
+        if (startHash(context->serialNumber, static_cast<int>(source->mechanism), &copy->libraryHash,
+                      context->libraryContext) != 0) {
             delete copy;
             return failWith(NTE_FAIL);
         }

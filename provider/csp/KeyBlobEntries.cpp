@@ -17,10 +17,12 @@
 #include "provider/csp/CspInterface.h"
 #include "provider/csp/CspKey.h"
 #include "provider/csp/CspResult.h"
+#include "provider/csp/CspBuffers.h"
+#include "token/KeyPairFacts.h"
+#include "token/KeySearch.h"
 #include "token/KeyUnwrap.h"
-#include "token/OrvaneDSCLibrary.h"
 #include "token/PrivateKeyOperations.h"
-#include "token/Sessions.h"
+#include "token/SymmetricKeys.h"
 
 using namespace orvane;
 using namespace orvane::csp;
@@ -49,25 +51,15 @@ static_assert(layouts::kCalgRsaKeyx == CALG_RSA_KEYX && layouts::kCalg3Des == CA
 const int32_t kExportableKeyType = ORVANE_KEY_RSA_2048;  // only RSA-2048 public keys are handed out
 
 BOOL exportPublicKey(CspContext& context, const CspKey& key, BYTE* pbData, DWORD* pdwDataLen) {
-    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(context.serialNumber.c_str(), context.libraryContext);
-    const OrvaneKeyPair* keyPair = nullptr;
-    for (const OrvaneKeyPair& candidate : keyPairs)
-        if (std::memcmp(candidate.keyId, key.pair.keyId, sizeof candidate.keyId) == 0) {
-            keyPair = &candidate;
-            break;
-        }
+    std::vector<OrvaneKeyPair> keyPairs = readKeyPairs(context.serialNumber, context.libraryContext);
+    const OrvaneKeyPair* keyPair = findKeyPairById(keyPairs, key.pair.keyId);
     if (keyPair == nullptr || keyPair->keyType != kExportableKeyType) return failWith(NTE_BAD_KEY);
     size_t modulusLength = static_cast<size_t>(std::clamp<int32_t>(keyPair->publicKeyLength, 0, sizeof keyPair->publicKey));
-    DWORD size = static_cast<DWORD>(20 + modulusLength);
-    if (pbData == nullptr) {
-        *pdwDataLen = size;
-        SetLastError(ERROR_MORE_DATA);
-        Utils::logMessage("Emport public key more data required");
-        return TRUE;
-    }
-    if (*pdwDataLen < size) {
-        *pdwDataLen = size;
-        return failWith(static_cast<DWORD>(ERROR_MORE_DATA));
+    DWORD size = static_cast<DWORD>(layouts::kRsaPubKeyModulusOffset + modulusLength);
+    if (std::optional<BOOL> sizeOnly =
+            answerSizeOnly(SizeRule::kNullAsksWithMoreDataShortFails, pbData, *pdwDataLen, size, pdwDataLen)) {
+        if (pbData == nullptr) Utils::logMessage("Emport public key more data required");
+        return *sizeOnly;
     }
     Utils::logMessage("key usage : " + std::to_string(key.algId));
     blobs::Bytes blob = blobs::encodeRsaPublicKeyBlob(key.algId, keyPair->publicKey, modulusLength);
@@ -79,7 +71,7 @@ BOOL exportPublicKey(CspContext& context, const CspKey& key, BYTE* pbData, DWORD
 
 std::unique_ptr<CspKey> newKey() {
     std::unique_ptr<CspKey> key(new CspKey{});
-    key->pair.keyIdLength = 16;
+    key->pair.keyIdLength = kKeyIdLength;
     return key;
 }
 
@@ -92,10 +84,7 @@ BOOL handOut(std::unique_ptr<CspKey> key, HCRYPTKEY* phKey, const char* successL
 // A handle for a symmetric key the token has just stored.
 std::unique_ptr<CspKey> keyForStoredSecret(const OrvaneSymmetricKey& stored, uint32_t algId) {
     std::unique_ptr<CspKey> key = newKey();
-    std::memcpy(key->pair.keyId, stored.keyId, sizeof key->pair.keyId);
-    std::memcpy(key->pair.label, stored.label, sizeof stored.label);
-    key->pair.label[sizeof key->pair.label - 1] = '\0';
-    key->pair.tokenFlag = stored.keyFlag;
+    takeSnapshot(key->pair, stored);
     key->algId = algId;
     return key;
 }
@@ -106,7 +95,7 @@ BOOL importPublicKey(const BYTE* pbData, DWORD dwDataLen, HCRYPTKEY* phKey) {
     if (refusal == blobs::RsaBlobRefusal::kBadMagic || refusal == blobs::RsaBlobRefusal::kModulusBeyondBlob)
         return failWith(NTE_BAD_DATA);
     Utils::logMessage("Public exponent : " + toHex(parsed.exponent, sizeof parsed.exponent));
-    Bytes der = encodeRsaPublicKeyDer(toHex(parsed.modulus), toHex(parsed.exponent, sizeof parsed.exponent));
+    Bytes der = encodeRsaPublicKeyDer(parsed.modulus, Bytes(parsed.exponent, parsed.exponent + sizeof parsed.exponent));
     if (refusal == blobs::RsaBlobRefusal::kUnsupportedSize) {
         Utils::logError("Unsupported RSA key size");
         return failWith(NTE_BAD_DATA);
@@ -116,7 +105,7 @@ BOOL importPublicKey(const BYTE* pbData, DWORD dwDataLen, HCRYPTKEY* phKey) {
     std::memcpy(key->pair.publicKey, der.data(), der.size());
     key->pair.publicKeyLength = static_cast<uint32_t>(der.size());
     key->pair.bitLength = parsed.bitLength;
-    key->algId = static_cast<uint32_t>(blobs::rsaKeyTypeForBits(parsed.bitLength));
+    key->algId = static_cast<uint32_t>(rsaKeyTypeForBits(parsed.bitLength));
     return handOut(std::move(key), phKey, "PUBLICKEYBLOB imported successfully");
 }
 
@@ -127,7 +116,7 @@ BOOL importSessionKey(CspContext& context, const blobs::BlobHeader& header, cons
         Utils::logError("SIMPLEBLOB requires public key handle");
         return failWith(NTE_BAD_TYPE);
     }
-    Utils::logMessage("Input key id : " + toHex(unwrapping->pair.keyId, sizeof unwrapping->pair.keyId));
+    Utils::logMessage("Input key id : " + keyIdName(unwrapping->pair.keyId));
     Bytes encrypted = blobs::simpleBlobPayload(pbData, dwDataLen);
     // CryptoAPI order first; a key encrypted in the token's own order is accepted as well.
     PrivateKeyCall call{context.serialNumber, context.libraryContext, reinterpret_cast<const unsigned char*>(unwrapping),
@@ -152,13 +141,13 @@ BOOL importSessionKey(CspContext& context, const blobs::BlobHeader& header, cons
     key->symmetricKeyLength = static_cast<uint32_t>(decrypted.output.size());
     SecureZeroMemory(decrypted.output.data(), decrypted.output.size());
     key->algId = static_cast<uint32_t>(keyType);
-    Utils::logMessage("Output key id : " + toHex(key->pair.keyId, sizeof key->pair.keyId));
+    Utils::logMessage("Output key id : " + keyIdName(key->pair.keyId));
     return handOut(std::move(key), phKey, "SIMPLEBLOB imported successfully (AES)");
 }
 
 BOOL importPlaintextKey(CspContext& context, const blobs::BlobHeader& header, const BYTE* pbData, DWORD dwDataLen,
                         HCRYPTKEY* phKey) {
-    int32_t keyType = header.algId == CALG_AES_128 ? ORVANE_KEY_AES_128 : header.algId == CALG_AES_256 ? ORVANE_KEY_AES_256 : 0;
+    int32_t keyType = header.algId == CALG_AES_128 || header.algId == CALG_AES_256 ? blobs::sessionKeyTypeForAlgId(header.algId) : 0;
     if (keyType == 0) {
         Utils::logError("Unsupported algorithm for PLAINTEXTKEYBLOB: " + std::to_string(header.algId));
         return failWith(NTE_BAD_ALGID);
@@ -166,12 +155,8 @@ BOOL importPlaintextKey(CspContext& context, const blobs::BlobHeader& header, co
     Bytes keyBytes = blobs::simpleBlobPayload(pbData, dwDataLen);
     OrvaneSymmetricKey record{};
     if (keyBytes.size() > sizeof record.keyData) return failWith(NTE_BAD_DATA);
-    std::memcpy(record.keyData, keyBytes.data(), keyBytes.size());
-    record.keyDataLength = static_cast<int32_t>(keyBytes.size());
-    record.keyType = keyType;
+    int result = storeAesKey(context.serialNumber, context.libraryContext, keyBytes.data(), keyBytes.size(), keyType, record);
     SecureZeroMemory(keyBytes.data(), keyBytes.size());
-    int result = orvane_importAesKey(context.serialNumber.c_str(), getCachedPin(context.serialNumber).c_str(), &record,
-                                     context.libraryContext);
     if (result != 0) {
         Utils::logError("PLAINTEXTKEYBLOB import failed");
         return failWith(NTE_BAD_TYPE);
@@ -183,7 +168,8 @@ BOOL importPlaintextKey(CspContext& context, const blobs::BlobHeader& header, co
 
 BOOL importWrappedKey(CspContext& context, const blobs::BlobHeader& header, const BYTE* pbData, DWORD dwDataLen,
                       HCRYPTKEY* phKey) {
-    int32_t keyType = header.algId == CALG_AES_128 ? ORVANE_KEY_AES_128 : ORVANE_KEY_AES_256;
+    // Any ALG_ID but AES-128's stores an AES-256 key.
+    int32_t keyType = blobs::sessionKeyTypeForAlgId(header.algId == CALG_AES_128 ? CALG_AES_128 : CALG_AES_256);
     UnwrappedKey unwrapped =
         unwrapAndStoreAesKey(context.serialNumber, context.libraryContext, blobs::symmetricWrapPayload(pbData, dwDataLen),
                              kCspUnwrapTexts, [keyType](size_t) { return keyType; });
@@ -192,6 +178,36 @@ BOOL importWrappedKey(CspContext& context, const blobs::BlobHeader& header, cons
     std::unique_ptr<CspKey> key = keyForStoredSecret(unwrapped.stored, header.algId);
     SecureZeroMemory(&unwrapped.stored, sizeof unwrapped.stored);
     return handOut(std::move(key), phKey, "SYMMETRICWRAPKEYBLOB imported successfully");
+}
+
+blobs::BlobHeader loggedBlobHeader(const BYTE* pbData, DWORD dwDataLen) {
+    blobs::BlobHeader header;
+    if (blobs::readBlobHeader(pbData, dwDataLen, header)) {
+        Utils::logMessage("CPImportKey - input type : " + std::to_string(header.type));
+        Utils::logMessage("CPImportKey - input version : " + std::to_string(header.version));
+        Utils::logMessage("CPImportKey - input alg : " + std::to_string(header.algId));
+        Utils::logMessage("CPImportKey - input data length : " + std::to_string(static_cast<long long>(dwDataLen) - 12));
+    }
+    return header;
+}
+
+BOOL importBlob(CspContext& context, const blobs::BlobHeader& header, const BYTE* pbData, DWORD dwDataLen,
+                HCRYPTKEY hPubKey, HCRYPTKEY* phKey) {
+    switch (blobs::classifyImportType(header.type)) {
+    case blobs::ImportType::kNotImplemented:
+        Utils::logError("Key Block Not Implemented yet");
+        return failWith(NTE_BAD_TYPE);
+    case blobs::ImportType::kUnsupported:
+        Utils::logError("CPImportKey - Unsupported type : " + std::to_string(header.type));
+        return failWith(NTE_BAD_TYPE);
+    case blobs::ImportType::kAccepted: break;
+    }
+    switch (header.type) {
+    case layouts::kPublicKeyBlob: return importPublicKey(pbData, dwDataLen, phKey);
+    case layouts::kSimpleBlob: return importSessionKey(context, header, pbData, dwDataLen, hPubKey, phKey);
+    case layouts::kPlaintextKeyBlob: return importPlaintextKey(context, header, pbData, dwDataLen, phKey);
+    default: return importWrappedKey(context, header, pbData, dwDataLen, phKey);
+    }
 }
 
 }  // namespace
@@ -232,33 +248,12 @@ BOOL WINAPI CPImportKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD dwDataLen, H
             return failWith(NTE_BAD_UID);
         }
         if (phKey == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-        blobs::BlobHeader header;
-        if (blobs::readBlobHeader(pbData, dwDataLen, header)) {
-            Utils::logMessage("CPImportKey - input type : " + std::to_string(header.type));
-            Utils::logMessage("CPImportKey - input version : " + std::to_string(header.version));
-            Utils::logMessage("CPImportKey - input alg : " + std::to_string(header.algId));
-            Utils::logMessage("CPImportKey - input data length : " +
-                              std::to_string(static_cast<long long>(dwDataLen) - 12));
-        }
+        blobs::BlobHeader header = loggedBlobHeader(pbData, dwDataLen);
         // Nothing follows the fixed part (a blob shorter than that holds nothing either).
         if (dwDataLen <= blobs::kPayloadOffset) {
             Utils::logError("CPImportKey - Input data to import is empty");
             return failWith(NTE_INVALID_PARAMETER);
         }
-        switch (blobs::classifyImportType(header.type)) {
-        case blobs::ImportType::kNotImplemented:
-            Utils::logError("Key Block Not Implemented yet");
-            return failWith(NTE_BAD_TYPE);
-        case blobs::ImportType::kUnsupported:
-            Utils::logError("CPImportKey - Unsupported type : " + std::to_string(header.type));
-            return failWith(NTE_BAD_TYPE);
-        case blobs::ImportType::kAccepted: break;
-        }
-        switch (header.type) {
-        case layouts::kPublicKeyBlob: return importPublicKey(pbData, dwDataLen, phKey);
-        case layouts::kSimpleBlob: return importSessionKey(*context, header, pbData, dwDataLen, hPubKey, phKey);
-        case layouts::kPlaintextKeyBlob: return importPlaintextKey(*context, header, pbData, dwDataLen, phKey);
-        default: return importWrappedKey(*context, header, pbData, dwDataLen, phKey);
-        }
+        return importBlob(*context, header, pbData, dwDataLen, hPubKey, phKey);
     });
 }

@@ -12,12 +12,11 @@
 #include "provider/csp/CspInterface.h"
 #include "provider/csp/CspKey.h"
 #include "provider/csp/CspResult.h"
-#include "token/OrvaneDSCLibrary.h"
+#include "token/CurrentIv.h"
 #include "token/KeyCertificate.h"
 #include "token/KeyPairFacts.h"
-#include "token/Pin.h"
-#include "token/SharedKeyState.h"
-#include "token/Sessions.h"
+#include "token/KeySearch.h"
+#include "token/TokenRequests.h"
 
 using namespace orvane;
 using namespace orvane::csp;
@@ -40,8 +39,61 @@ BOOL answerCertificate(CspContext& context, const CspKey& key, BYTE* pbData, DWO
         Utils::logError("CPGetKeyParam - Certificate not found");
         return failWith(NTE_NOT_FOUND);
     }
-    return answerBytes(der.data(), static_cast<DWORD>(der.size()), pbData, pdwDataLen,
-                       "CPGetKeyParam - Output buffer length for certificate not enough : ");
+    return answerValue(SizeRule::kNullOrEmptyAsksShortFails, der.data(), static_cast<DWORD>(der.size()), pbData,
+                       pdwDataLen, "CPGetKeyParam - Output buffer length for certificate not enough : ");
+}
+
+// The first key pair of the container that serves the AT_ value asked for (any, once a
+// container parameter was read), with the ALG_ID its handle reports; null when none does.
+const OrvaneKeyPair* findUserKeyPair(const std::vector<OrvaneKeyPair>& keyPairs, const std::string& containerName,
+                                     DWORD keySpec, ALG_ID& algId) {
+    for (const OrvaneKeyPair& keyPair : keyPairs) {
+        if (!inContainer(keyPair, containerName)) continue;
+        if ((keySpec == AT_SIGNATURE || anyKeySpec) && usageAllowsSigning(keyPair.keyUsage)) {
+            Utils::logMessage("Sign key found");
+            algId = isEcKeyType(keyPair.keyType) ? kEcSignatureAlgId : CALG_RSA_SIGN;
+            return &keyPair;
+        }
+        if ((keySpec == AT_KEYEXCHANGE || anyKeySpec) && usageAllowsExchange(keyPair.keyUsage)) {
+            Utils::logMessage("Encryption key found");
+            algId = CALG_RSA_KEYX;
+            return &keyPair;
+        }
+    }
+    return nullptr;
+}
+
+// The usage a generated key pair is asked for, by its ALG_ID; kUsageNone for any other.
+uint32_t usageForGeneratedKey(ALG_ID algId) {
+    if (algId == CALG_RSA_SIGN) {
+        Utils::logMessage("rsa sign");
+        return kUsageSignature;
+    }
+    if (algId == CALG_RSA_KEYX) {
+        Utils::logMessage("key exhange");
+        return kUsageExchange;
+    }
+    return kUsageNone;
+}
+
+BOOL generateKey(CspContext& context, std::unique_ptr<CspKey> key, ALG_ID algId, uint32_t usage, DWORD dwFlags,
+                 HCRYPTKEY* phKey) {
+    // The size is recorded in the handle only; the token generates a key of its own size.
+    uint32_t bits = dwFlags >> 16 ? dwFlags >> 16 : kDefaultRsaBits;
+    key->algId = algId;
+    OrvaneKeyPair request{};
+    request.keyUsage = static_cast<int32_t>(usage);
+    int result = generateKeyPair(context.serialNumber, context.libraryContext, request);
+    if (result != 0) {
+        Utils::logError("RSA Keypair Generation Failed, code=" + std::to_string(result));
+        return failWith(NTE_TOKEN_KEYSET_STORAGE_FULL);
+    }
+    takeSnapshot(key->pair, request);
+    key->pair.bitLength = bits;
+    key->pair.tokenFlag = false;
+    *phKey = reinterpret_cast<HCRYPTKEY>(key.release());
+    Utils::logMessage("Key generated successfully, Algid=" + std::to_string(algId) + " bits=" + std::to_string(bits));
+    return TRUE;
 }
 
 }  // namespace
@@ -53,32 +105,23 @@ BOOL WINAPI CPGetUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey
         if (context == nullptr) return failWith(NTE_BAD_UID);
         Utils::logMessage("CPGetUserKey -> dwKeySpec : " + std::to_string(dwKeySpec));
 
-        std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(context->serialNumber.c_str(), context->libraryContext);
+        std::vector<OrvaneKeyPair> keyPairs = readKeyPairs(context->serialNumber, context->libraryContext);
         if (keyPairs.empty()) return failWith(NTE_NO_KEY);
         Utils::logMessage("CPGetUserKey - Container name : " + context->containerName);
 
-        for (const OrvaneKeyPair& keyPair : keyPairs) {
-            if (!context->containerName.empty() && context->containerName != containerNameOf(keyPair)) continue;
-            ALG_ID algId = 0;
-            if ((dwKeySpec == AT_SIGNATURE || anyKeySpec) && usageAllowsSigning(keyPair.keyUsage)) {
-                Utils::logMessage("Sign key found");
-                algId = isEcKeyType(keyPair.keyType) ? kEcSignatureAlgId : CALG_RSA_SIGN;
-            } else if ((dwKeySpec == AT_KEYEXCHANGE || anyKeySpec) && usageAllowsExchange(keyPair.keyUsage)) {
-                Utils::logMessage("Encryption key found");
-                algId = CALG_RSA_KEYX;
-            } else {
-                continue;
-            }
-            CspKey* key = new (std::nothrow) CspKey{};
-            if (key == nullptr) return failWith(NTE_NO_MEMORY);
-            takeSnapshot(key->pair, keyPair);
-            key->algId = algId;
-            Utils::logMessage("CPGetUserKey - return key algorithm : " + std::to_string(algId));
-            *phUserKey = reinterpret_cast<HCRYPTKEY>(key);
-            return TRUE;
+        ALG_ID algId = 0;
+        const OrvaneKeyPair* keyPair = findUserKeyPair(keyPairs, context->containerName, dwKeySpec, algId);
+        if (keyPair == nullptr) {
+            Utils::logError("Requested key in Get user key not found");
+            return failWith(NTE_BAD_KEY);
         }
-        Utils::logError("Requested key in Get user key not found");
-        return failWith(NTE_BAD_KEY);
+        CspKey* key = new (std::nothrow) CspKey{};
+        if (key == nullptr) return failWith(NTE_NO_MEMORY);
+        takeSnapshot(key->pair, *keyPair);
+        key->algId = algId;
+        Utils::logMessage("CPGetUserKey - return key algorithm : " + std::to_string(algId));
+        *phUserKey = reinterpret_cast<HCRYPTKEY>(key);
+        return TRUE;
     });
 }
 
@@ -91,39 +134,15 @@ BOOL WINAPI CPGenKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* p
             Utils::logError("Invalid CSP context");
             return failWith(NTE_BAD_UID);
         }
-        int32_t usage = 0;
-        if (Algid == CALG_RSA_SIGN) {
-            Utils::logMessage("rsa sign");
-            usage = 1;
-        } else if (Algid == CALG_RSA_KEYX) {
-            Utils::logMessage("key exhange");
-            usage = 2;
-        } else {
+        uint32_t usage = usageForGeneratedKey(Algid);
+        if (usage == kUsageNone) {
             Utils::logError("Unsupported algorithm" + std::to_string(Algid));
             return failWith(NTE_BAD_ALGID);
         }
-        // The size is recorded in the handle only; the token generates a key of its own size.
-        uint32_t bits = dwFlags >> 16 ? dwFlags >> 16 : 2048;
-
         std::unique_ptr<CspKey> key(new (std::nothrow) CspKey{});
         if (!key) return failWith(static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
         if (!ensurePinOrFail(*context)) return FALSE;
-
-        key->algId = Algid;
-        OrvaneKeyPair request{};
-        request.keyUsage = usage;
-        int result = orvane_generateKeyPair(context->serialNumber.c_str(), getCachedPin(context->serialNumber).c_str(),
-                                            &request, context->libraryContext);
-        if (result != 0) {
-            Utils::logError("RSA Keypair Generation Failed, code=" + std::to_string(result));
-            return failWith(NTE_TOKEN_KEYSET_STORAGE_FULL);
-        }
-        takeSnapshot(key->pair, request);
-        key->pair.bitLength = bits;
-        key->pair.tokenFlag = false;
-        *phKey = reinterpret_cast<HCRYPTKEY>(key.release());
-        Utils::logMessage("Key generated successfully, Algid=" + std::to_string(Algid) + " bits=" + std::to_string(bits));
-        return TRUE;
+        return generateKey(*context, std::move(key), Algid, usage, dwFlags, phKey);
     });
 }
 
@@ -135,23 +154,20 @@ BOOL WINAPI CPGetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE*
         if (key == nullptr) return failWith(NTE_BAD_KEY);
         if (pdwDataLen == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
         Utils::logMessage("CPGetKeyParam - dwparam : " + std::to_string(dwParam));
-        Utils::logMessage("CPGetKeyParam - key id : " + toHex(key->pair.keyId, std::min<size_t>(key->pair.keyIdLength, 16)));
+        Utils::logMessage("CPGetKeyParam - key id : " + keyIdName(key->pair.keyId));
 
+        const SizeRule rule = SizeRule::kNullOrEmptyAsksShortFails;
         switch (dwParam) {
         case KP_PERMISSIONS:
-            return answerDword(usageAllowsExchange(key->pair.usage) ? CRYPT_DECRYPT : 0, pbData, pdwDataLen,
+            return answerDword(rule, usageAllowsExchange(key->pair.usage) ? CRYPT_DECRYPT : 0, pbData, pdwDataLen,
                                "CPGetKeyParam - Output buffer length for permission not enough : ");
         case KP_ALGID:
-            if (pbData == nullptr || *pdwDataLen == 0) {
-                *pdwDataLen = sizeof(DWORD);
-                Utils::logMessage("CPGetKeyParam - input for alg id is null");
-                return TRUE;
-            }
-            if (*pdwDataLen >= sizeof(DWORD)) Utils::logMessage("CPGetKeyParam - copying alg id : " + std::to_string(key->algId));
-            return answerDword(key->algId, pbData, pdwDataLen, "CPGetKeyParam - Output buffer length for alg not enough : ");
+            if (pbData == nullptr || *pdwDataLen == 0) Utils::logMessage("CPGetKeyParam - input for alg id is null");
+            else if (*pdwDataLen >= sizeof(DWORD)) Utils::logMessage("CPGetKeyParam - copying alg id : " + std::to_string(key->algId));
+            return answerDword(rule, key->algId, pbData, pdwDataLen, "CPGetKeyParam - Output buffer length for alg not enough : ");
         case KP_BLOCKLEN:
         case KP_KEYLEN:
-            return answerDword(key->pair.bitLength, pbData, pdwDataLen,
+            return answerDword(rule, key->pair.bitLength, pbData, pdwDataLen,
                                "CPGetKeyParam - Output buffer length for blocklen not enough : ");
         case KP_CERTIFICATE:
             return answerCertificate(*context, *key, pbData, pdwDataLen);
@@ -167,15 +183,16 @@ BOOL WINAPI CPSetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const
         if (contextFromHandle(hProv) == nullptr) return failWith(NTE_BAD_UID);
         CspKey* key = keyFromHandle(hKey);
         if (key == nullptr) return failWith(NTE_BAD_KEY);
-        Utils::logMessage("Set key param key id : " + toHex(key->pair.keyId, 16));
+        Utils::logMessage("Set key param key id : " + keyIdName(key->pair.keyId));
         Utils::logMessage("Set key param  dwParam : " + std::to_string(dwParam));
         Utils::logMessage("Set key param  dwFlags : " + std::to_string(dwFlags));
         Utils::logMessage("Set key param key algo : " + std::to_string(key->algId));
         if (pbData == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 
         if (dwParam == KP_IV) {
-            // Only AES-256 (16-byte IV) and triple DES (8-byte IV) keys set the shared IV.
-            size_t ivLength = key->algId == ORVANE_KEY_AES_256 ? 16 : key->algId == ORVANE_KEY_DES3 ? 8 : 0;
+            // The handle's ALG_ID holds the token type of an imported key; only AES-256 and
+            // triple DES keys set the shared IV, AES-128 keys leave it.
+            size_t ivLength = key->algId == ORVANE_KEY_AES_128 ? 0 : ivBytesOf(static_cast<int32_t>(key->algId));
             if (ivLength != 0) setCurrentIv(pbData, ivLength);
             return TRUE;
         }

@@ -15,9 +15,11 @@
 #include "provider/csp/CspInterface.h"
 #include "provider/csp/CspKey.h"
 #include "provider/csp/CspResult.h"
+#include "provider/ProviderName.h"
 #include "token/KeyPairFacts.h"
-#include "token/OrvaneDSCLibrary.h"
+#include "token/KeySearch.h"
 #include "token/Sessions.h"
+#include "token/TokenRequests.h"
 
 using namespace orvane;
 using namespace orvane::csp;
@@ -30,7 +32,6 @@ std::atomic<bool> useHardwareRng{true};
 
 namespace {
 
-const char kProviderName[] = "Orvane Cryptographic Provider CSP";
 const DWORD kImplementationType = CRYPT_IMPL_HARDWARE | CRYPT_IMPL_REMOVABLE;
 const DWORD kProviderVersion = 0x100;
 const DWORD kKeyStorage = 9;
@@ -45,8 +46,8 @@ struct AlgorithmRow {
 };
 
 const AlgorithmRow kAlgorithms[] = {
-    {CALG_RSA_SIGN, 1024, 4096, 2048, 0x20, "RSA-Sign", "RSA Signature Algorithm"},
-    {CALG_RSA_KEYX, 1024, 4096, 2048, 0x40, "RSA-KeyX", "RSA Key Exchange Algorithm"},
+    {CALG_RSA_SIGN, kSmallestRsaBits, kLargestRsaBits, kDefaultRsaBits, 0x20, "RSA-Sign", "RSA Signature Algorithm"},
+    {CALG_RSA_KEYX, kSmallestRsaBits, kLargestRsaBits, kDefaultRsaBits, 0x40, "RSA-KeyX", "RSA Key Exchange Algorithm"},
     {CALG_SHA1, 256, 256, 256, 0x80, "SHA1", "SHA-1 Hash Algorithm"},
     {CALG_SHA_256, 256, 256, 256, 0x80, "SHA256", "SHA-256 Hash Algorithm"},
 };
@@ -57,17 +58,31 @@ void logSuccess(DWORD length) {
     Utils::logMessage("CPGetProvParam return success");
 }
 
-bool fits(const BYTE* pbData, const DWORD* pdwDataLen, DWORD size) { return pbData != nullptr && *pdwDataLen >= size; }
-
-// The simple 4-byte answers: written when there is room, and never a short-buffer report.
-BOOL answerSilentDword(DWORD value, BYTE* pbData, DWORD* pdwDataLen, const char* writtenLogLine = nullptr) {
-    if (fits(pbData, pdwDataLen, sizeof value)) {
-        std::memcpy(pbData, &value, sizeof value);
+// The plain provider values: written when there is room, and never a short-buffer report.
+// `reportedSize` is the length a written value reports (the name's leaves out its NUL).
+BOOL answerWhenRoom(const void* value, DWORD size, BYTE* pbData, DWORD* pdwDataLen, DWORD reportedSize,
+                    const char* writtenLogLine = nullptr) {
+    if (!answerSizeOnly(SizeRule::kWrittenWhenRoom, pbData, *pdwDataLen, size, pdwDataLen)) {
+        std::memcpy(pbData, value, size);
         if (writtenLogLine) Utils::logMessage(writtenLogLine);
+        *pdwDataLen = reportedSize;
     }
-    *pdwDataLen = sizeof value;
-    logSuccess(sizeof value);
+    logSuccess(*pdwDataLen);
     return TRUE;
+}
+
+BOOL answerPlainDword(DWORD value, BYTE* pbData, DWORD* pdwDataLen, const char* writtenLogLine = nullptr) {
+    return answerWhenRoom(&value, sizeof value, pbData, pdwDataLen, sizeof value, writtenLogLine);
+}
+
+BOOL answerText(const std::string& text, BYTE* pbData, DWORD* pdwDataLen) {
+    DWORD size = static_cast<DWORD>(text.size() + 1);
+    return answerWhenRoom(text.c_str(), size, pbData, pdwDataLen, size);
+}
+
+// The token's answers to queries that never fail for a short buffer: ERROR_MORE_DATA with TRUE.
+BOOL answerDwordOrMoreData(DWORD value, BYTE* pbData, DWORD* pdwDataLen, const char* shortLogLine = nullptr) {
+    return answerDword(SizeRule::kMissingOrShortIsMoreData, value, pbData, pdwDataLen, shortLogLine);
 }
 
 // CRYPT_FIRST restarts a cursor, CRYPT_NEXT moves it on; false for any other flags.
@@ -102,15 +117,9 @@ BOOL enumerateAlgorithms(CspContext& context, bool extended, BYTE* pbData, DWORD
     }
     const AlgorithmRow& row = kAlgorithms[cursor];
     DWORD size = extended ? sizeof(PROV_ENUMALGS_EX) : sizeof(PROV_ENUMALGS);
-    if (pbData == nullptr) {
-        *pdwDataLen = size;
-        SetLastError(ERROR_MORE_DATA);
-        return TRUE;
-    }
-    if (*pdwDataLen < size) {
-        *pdwDataLen = size;
-        return failWith(static_cast<DWORD>(ERROR_MORE_DATA));
-    }
+    if (std::optional<BOOL> sizeOnly =
+            answerSizeOnly(SizeRule::kNullAsksWithMoreDataShortFails, pbData, *pdwDataLen, size, pdwDataLen))
+        return *sizeOnly;
     if (extended) {
         PROV_ENUMALGS_EX entry{};
         entry.aiAlgid = row.algId;
@@ -144,29 +153,18 @@ BOOL enumerateContainers(CspContext& context, BYTE* pbData, DWORD* pdwDataLen, D
     if (cursor >= context.containerNames.size()) return failWith(static_cast<DWORD>(ERROR_NO_MORE_ITEMS));
     const std::string& name = context.containerNames[static_cast<size_t>(cursor)];
     DWORD size = static_cast<DWORD>(name.size() + 1);
-    bool copied = fits(pbData, pdwDataLen, size);
-    *pdwDataLen = size;
-    if (!copied) {
-        SetLastError(ERROR_MORE_DATA);
-        return TRUE;
-    }
+    if (std::optional<BOOL> sizeOnly =
+            answerSizeOnly(SizeRule::kMissingOrShortIsMoreData, pbData, *pdwDataLen, size, pdwDataLen))
+        return *sizeOnly;
     std::memcpy(pbData, name.c_str(), size);
+    *pdwDataLen = size;
     Utils::logMessage("CPGetProvParam: returned container -> " + name);
     return TRUE;
 }
 
-BOOL answerText(const std::string& text, BYTE* pbData, DWORD* pdwDataLen) {
-    DWORD size = static_cast<DWORD>(text.size() + 1);
-    if (fits(pbData, pdwDataLen, size)) std::memcpy(pbData, text.c_str(), size);
-    *pdwDataLen = size;
-    logSuccess(size);
-    return TRUE;
-}
-
 BOOL answerCertificateChain(CspContext& context, BYTE* pbData, DWORD* pdwDataLen) {
-    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(context.serialNumber.c_str(), context.libraryContext);
-    std::vector<OrvaneCertificate> certificates =
-        orvane_getCertificateList(context.serialNumber.c_str(), context.libraryContext);
+    std::vector<OrvaneKeyPair> keyPairs = readKeyPairs(context.serialNumber, context.libraryContext);
+    std::vector<OrvaneCertificate> certificates = readCertificates(context.serialNumber, context.libraryContext);
     std::map<std::string, CertificateChain> chains = buildContainerChains(keyPairs, certificates);
     auto chain = chains.find(context.containerName);
     if (chain == chains.end()) {
@@ -179,13 +177,80 @@ BOOL answerCertificateChain(CspContext& context, BYTE* pbData, DWORD* pdwDataLen
 }
 
 BOOL answerKeySpec(const CspContext& context, BYTE* pbData, DWORD* pdwDataLen) {
-    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(context.serialNumber.c_str(), context.libraryContext);
-    for (const OrvaneKeyPair& keyPair : keyPairs) {
-        if (containerNameOf(keyPair) != context.containerName) continue;
-        DWORD keySpec = keyPair.keyUsage == 2 ? AT_KEYEXCHANGE : usageAllowsSigning(keyPair.keyUsage) ? AT_SIGNATURE : 0;
-        return answerDwordOrMoreData(keySpec, pbData, pdwDataLen, "More Data");
+    std::vector<OrvaneKeyPair> keyPairs = readKeyPairs(context.serialNumber, context.libraryContext);
+    const OrvaneKeyPair* keyPair = findKeyPairByName(keyPairs, context.containerName);
+    if (keyPair == nullptr) return failWith(NTE_NO_KEY);
+    // A key pair for both purposes reports AT_SIGNATURE.
+    DWORD keySpec = keyPair->keyUsage == kUsageExchange             ? AT_KEYEXCHANGE
+                    : usageAllowsSigning(keyPair->keyUsage) ? AT_SIGNATURE
+                                                                    : 0;
+    return answerDwordOrMoreData(keySpec, pbData, pdwDataLen, "More Data");
+}
+
+// A PIN handed over as NUL-terminated text: checked by the token and cached when accepted.
+BOOL setPin(const CspContext& context, const BYTE* pbData) {
+    if (pbData == nullptr) {
+        Utils::logError("CPSetProvParam: NULL PIN data");
+        return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     }
-    return failWith(NTE_NO_KEY);
+    const char* text = reinterpret_cast<const char*>(pbData);
+    SecretBytes pin(text, strnlen(text, kLongestPin));
+    if (acceptCallerPin(context.serialNumber, pin, context.libraryContext, kCspPinTexts) != 0)
+        return failWith(NTE_KEYSET_ENTRY_BAD);
+    return TRUE;
+}
+
+BOOL setHardwareRng(const BYTE* pbData) {
+    if (pbData == nullptr) {
+        Utils::logMessage("CPSetProvParam: NULL data for PP_USE_HARDWARE_RNG");
+        return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    }
+    DWORD value = 0;
+    std::memcpy(&value, pbData, sizeof value);
+    useHardwareRng.store(value != 0);
+    Utils::logMessage(std::string("CPSetProvParam: PP_USE_HARDWARE_RNG set to ") + (value != 0 ? "1" : "0"));
+    return TRUE;
+}
+
+// The answer to one parameter, each under its own size rule.
+BOOL answerParameter(CspContext& context, DWORD dwParam, BYTE* pbData, DWORD* pdwDataLen, DWORD dwFlags) {
+    switch (dwParam) {
+    case PP_ENUMALGS: return enumerateAlgorithms(context, false, pbData, pdwDataLen, dwFlags);
+    case PP_ENUMALGS_EX: return enumerateAlgorithms(context, true, pbData, pdwDataLen, dwFlags);
+    case PP_ENUMCONTAINERS: return enumerateContainers(context, pbData, pdwDataLen, dwFlags);
+    case PP_IMPTYPE:
+        return answerPlainDword(kImplementationType, pbData, pdwDataLen, "CPGetProvParam not null value provided");
+    case PP_NAME:
+        // A copied name reports its length without the NUL; a size answer includes it.
+        return answerWhenRoom(kProviderName, sizeof kProviderName, pbData, pdwDataLen, sizeof kProviderName - 1);
+    case PP_VERSION: return answerPlainDword(kProviderVersion, pbData, pdwDataLen);
+    case PP_CONTAINER:
+    case PP_UNIQUE_CONTAINER:
+        anyKeySpec = true;
+        Utils::logMessage("CPGetProvParam - copying container");
+        return answerText(context.containerName, pbData, pdwDataLen);
+    case PP_CERTCHAIN: return answerCertificateChain(context, pbData, pdwDataLen);
+    case PP_PROVTYPE: return answerPlainDword(PROV_RSA_FULL, pbData, pdwDataLen);
+    case PP_KEYSTORAGE: return answerDwordOrMoreData(kKeyStorage, pbData, pdwDataLen);
+    case PP_KEYSET_TYPE: return answerPlainDword(context.keysetType, pbData, pdwDataLen);
+    case PP_ADMIN_PIN:
+    case PP_KEYEXCHANGE_PIN:
+    case PP_SIGNATURE_PIN:
+        Utils::logMessage("CPGetProvParam: PIN query");
+        return answerDwordOrMoreData(1, pbData, pdwDataLen);
+    case PP_USE_HARDWARE_RNG: {
+        DWORD value = useHardwareRng.load() ? 1 : 0;
+        Utils::logMessage("CPGetProvParam: PP_USE_HARDWARE_RNG = " + std::to_string(value));
+        return answerDwordOrMoreData(value, pbData, pdwDataLen, "Required size is Large");
+    }
+    case PP_KEYSPEC: return answerKeySpec(context, pbData, pdwDataLen);
+    case PP_ENUMEX_SIGNING_PROT:
+        Utils::logMessage("CPGetProvParam: PP_ENUMEX_SIGNING_PROT = 1");
+        return answerDwordOrMoreData(1, pbData, pdwDataLen);
+    default:
+        Utils::logMessage("CPGetProvParam default failed");
+        return failWith(NTE_BAD_TYPE);
+    }
 }
 
 }  // namespace
@@ -202,49 +267,7 @@ BOOL WINAPI CPGetProvParam(HCRYPTPROV hProv, DWORD dwParam, BYTE* pbData, DWORD*
         Utils::logMessage("CPGetProvParam : " + std::to_string(dwParam));
         if (pdwDataLen == nullptr) return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 
-        switch (dwParam) {
-        case PP_ENUMALGS: return enumerateAlgorithms(*context, false, pbData, pdwDataLen, dwFlags);
-        case PP_ENUMALGS_EX: return enumerateAlgorithms(*context, true, pbData, pdwDataLen, dwFlags);
-        case PP_ENUMCONTAINERS: return enumerateContainers(*context, pbData, pdwDataLen, dwFlags);
-        case PP_IMPTYPE:
-            return answerSilentDword(kImplementationType, pbData, pdwDataLen, "CPGetProvParam not null value provided");
-        case PP_NAME: {
-            // A copied name reports its length without the NUL; a size answer includes it.
-            DWORD size = sizeof kProviderName;
-            bool copied = fits(pbData, pdwDataLen, size);
-            if (copied) std::memcpy(pbData, kProviderName, size);
-            *pdwDataLen = copied ? size - 1 : size;
-            logSuccess(*pdwDataLen);
-            return TRUE;
-        }
-        case PP_VERSION: return answerSilentDword(kProviderVersion, pbData, pdwDataLen);
-        case PP_CONTAINER:
-        case PP_UNIQUE_CONTAINER:
-            anyKeySpec = true;
-            Utils::logMessage("CPGetProvParam - copying container");
-            return answerText(context->containerName, pbData, pdwDataLen);
-        case PP_CERTCHAIN: return answerCertificateChain(*context, pbData, pdwDataLen);
-        case PP_PROVTYPE: return answerSilentDword(PROV_RSA_FULL, pbData, pdwDataLen);
-        case PP_KEYSTORAGE: return answerDwordOrMoreData(kKeyStorage, pbData, pdwDataLen);
-        case PP_KEYSET_TYPE: return answerSilentDword(context->keysetType, pbData, pdwDataLen);
-        case PP_ADMIN_PIN:
-        case PP_KEYEXCHANGE_PIN:
-        case PP_SIGNATURE_PIN:
-            Utils::logMessage("CPGetProvParam: PIN query");
-            return answerDwordOrMoreData(1, pbData, pdwDataLen);
-        case PP_USE_HARDWARE_RNG: {
-            DWORD value = useHardwareRng.load() ? 1 : 0;
-            Utils::logMessage("CPGetProvParam: PP_USE_HARDWARE_RNG = " + std::to_string(value));
-            return answerDwordOrMoreData(value, pbData, pdwDataLen, "Required size is Large");
-        }
-        case PP_KEYSPEC: return answerKeySpec(*context, pbData, pdwDataLen);
-        case PP_ENUMEX_SIGNING_PROT:
-            Utils::logMessage("CPGetProvParam: PP_ENUMEX_SIGNING_PROT = 1");
-            return answerDwordOrMoreData(1, pbData, pdwDataLen);
-        default:
-            Utils::logMessage("CPGetProvParam default failed");
-            return failWith(NTE_BAD_TYPE);
-        }
+        return answerParameter(*context, dwParam, pbData, pdwDataLen, dwFlags);
     });
 }
 
@@ -262,28 +285,8 @@ BOOL WINAPI CPSetProvParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData, 
             return TRUE;
         }
         case PP_KEYEXCHANGE_PIN:
-        case PP_SIGNATURE_PIN: {
-            if (pbData == nullptr) {
-                Utils::logError("CPSetProvParam: NULL PIN data");
-                return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-            }
-            const char* text = reinterpret_cast<const char*>(pbData);
-            SecretBytes pin(text, strnlen(text, kLongestPin));
-            if (acceptCallerPin(context->serialNumber, pin, context->libraryContext, kCspPinTexts) != 0)
-                return failWith(NTE_KEYSET_ENTRY_BAD);
-            return TRUE;
-        }
-        case PP_USE_HARDWARE_RNG: {
-            if (pbData == nullptr) {
-                Utils::logMessage("CPSetProvParam: NULL data for PP_USE_HARDWARE_RNG");
-                return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-            }
-            DWORD value = 0;
-            std::memcpy(&value, pbData, sizeof value);
-            useHardwareRng.store(value != 0);
-            Utils::logMessage(std::string("CPSetProvParam: PP_USE_HARDWARE_RNG set to ") + (value != 0 ? "1" : "0"));
-            return TRUE;
-        }
+        case PP_SIGNATURE_PIN: return setPin(*context, pbData);
+        case PP_USE_HARDWARE_RNG: return setHardwareRng(pbData);
         default: return failWith(NTE_BAD_TYPE);
         }
     });

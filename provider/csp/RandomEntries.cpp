@@ -1,11 +1,11 @@
-// CPGenRandom, filled by the token's generator, and the two entries that exist only to
-// complete the set and always refuse, each with its own code.
+// CPGenRandom, filled by the token's generator.
 #include "diagnostics/Log.h"
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
 #include "provider/csp/CspResult.h"
-#include "token/OrvaneDSCLibrary.h"
+#include "token/TokenRequests.h"
 
+using namespace orvane;
 using namespace orvane::csp;
 
 BOOL WINAPI CPGenRandom(HCRYPTPROV hProv, DWORD dwLen, BYTE* pbBuffer) {
@@ -14,20 +14,11 @@ BOOL WINAPI CPGenRandom(HCRYPTPROV hProv, DWORD dwLen, BYTE* pbBuffer) {
         if (context == nullptr) return failWith(NTE_BAD_UID);
         if (pbBuffer == nullptr || dwLen == 0 || dwLen > 0x7FFFFFFF)
             return failWith(static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-        int result = orvane_generateRamdomNumber(context->serialNumber.c_str(), static_cast<int>(dwLen), pbBuffer,
-                                                 !useHardwareRng.load(), context->libraryContext);
+        int result = generateRandom(context->serialNumber, pbBuffer, dwLen, !useHardwareRng.load(), context->libraryContext);
         if (result != 0) {
             Utils::logError("Random number generation failed: " + std::to_string(result));
             return failWith(NTE_PROVIDER_DLL_FAIL);
         }
         return TRUE;
     });
-}
-
-BOOL WINAPI CPDeriveKey(HCRYPTPROV, ALG_ID, HCRYPTHASH, DWORD, HCRYPTKEY*) {
-    return guardEntry("CPDeriveKey", [] { return failWith(NTE_NOT_SUPPORTED); });
-}
-
-BOOL WINAPI CPHashSessionKey(HCRYPTPROV, HCRYPTHASH, HCRYPTKEY, DWORD) {
-    return guardEntry("CPHashSessionKey", [] { return failWith(static_cast<DWORD>(ERROR_CALL_NOT_IMPLEMENTED)); });
 }

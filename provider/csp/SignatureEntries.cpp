@@ -10,50 +10,59 @@
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
 #include "provider/csp/CspKey.h"
-#include "provider/csp/CspPublicKey.h"
 #include "provider/csp/CspResult.h"
 #include "provider/csp/HashContext.h"
-#include "token/OrvaneDSCLibrary.h"
 #include "token/KeyPairFacts.h"
+#include "token/KeySearch.h"
 #include "token/PrivateKeyOperations.h"
+#include "token/PublicKeyOperations.h"
 
 using namespace orvane;
 using namespace orvane::csp;
 
 namespace {
 
-bool signsOrVerifies(const OrvaneKeyPair& keyPair) { return usageAllowsSigning(keyPair.keyUsage); }
-
-// Size answered to a size query, by the key type that the key choice put in `mechanism`.
-DWORD signatureSize(uint32_t keyType) { return keyType == 3 ? 384 : keyType == 4 ? 512 : 256; }
-
-void chooseKey(HashContext& hash, const OrvaneKeyPair& keyPair) {
-    std::memcpy(hash.keyId, keyPair.keyId, sizeof hash.keyId);
-    hash.keyIdLength = 16;
-    hash.mechanism = static_cast<uint32_t>(keyPair.keyType);
-}
-
-// The container's own signing key pair; when the container names a key pair that cannot
-// sign, the token's last key pair that can.
+// The signing key that CPSignHash chose stays with the hash object, its type in `mechanism`.
 bool chooseSigningKey(const CspContext& context, HashContext& hash) {
     hash.keyIdLength = 0;
-    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(context.serialNumber.c_str(), context.libraryContext);
-    bool matched = false;
-    for (const OrvaneKeyPair& keyPair : keyPairs) {
-        if (!context.containerName.empty() && containerNameOf(keyPair) != context.containerName) continue;
-        matched = true;
-        if (signsOrVerifies(keyPair)) {
-            chooseKey(hash, keyPair);
-            return true;
-        }
-    }
-    if (matched)
-        for (const OrvaneKeyPair& keyPair : keyPairs)
-            if (signsOrVerifies(keyPair)) chooseKey(hash, keyPair);
-    return hash.keyIdLength == 16;
+    std::vector<OrvaneKeyPair> keyPairs = readKeyPairs(context.serialNumber, context.libraryContext);
+    const OrvaneKeyPair* keyPair = chooseSigningKeyPair(keyPairs, context.containerName);
+    if (keyPair == nullptr) return false;
+    std::memcpy(hash.keyId, keyPair->keyId, sizeof hash.keyId);
+    hash.keyIdLength = kKeyIdLength;
+    hash.mechanism = static_cast<uint32_t>(keyPair->keyType);
+    return true;
 }
 
-// The digest of a hash object that has none yet, through CPGetHashParam.
+// DER public key of the container's first signing key pair; its stored key is a modulus.
+DWORD containerPublicKey(const CspContext& context, Bytes& der) {
+    std::vector<OrvaneKeyPair> keyPairs = readKeyPairs(context.serialNumber, context.libraryContext);
+    if (keyPairs.empty()) return static_cast<DWORD>(NTE_BAD_KEY);
+    const OrvaneKeyPair* keyPair = findKeyPairFor(keyPairs, context.containerName, KeyRole::kSigning);
+    if (keyPair == nullptr) return static_cast<DWORD>(NTE_BAD_KEY);
+    der = modulusAsDer(keyPair->publicKey, static_cast<size_t>(keyPair->publicKeyLength));
+    return 0;
+}
+
+// The digest signed with the chosen key; the signature goes out little-endian.
+BOOL signDigest(CspContext& context, const HashContext& hash, BYTE* pbSignature, DWORD* pdwSigLen) {
+    PrivateKeyCall call{context.serialNumber, context.libraryContext, hash.keyId, false,
+                        "CPSignHash: SSO expired, re-prompting for PIN", [&context] { return ensurePinOrFail(context); }};
+    PrivateKeyResult signature = signWithTokenKey(
+        call, std::vector<unsigned char>(hash.hashValue, hash.hashValue + hash.hashValueLength), *pdwSigLen);
+    if (signature.pinCheckFailed) return FALSE;
+    if (signature.result != 0) {
+        Utils::logError("Sign hash failed : " + std::to_string(signature.result));
+        return failWith(NTE_PROVIDER_DLL_FAIL);
+    }
+    reverseBytes(signature.output.data(), signature.output.size());
+    if (!signature.output.empty()) std::memcpy(pbSignature, signature.output.data(), signature.output.size());
+    *pdwSigLen = static_cast<DWORD>(signature.output.size());
+    return TRUE;
+}
+
+// The digest of a hash object that has none yet, through CPGetHashParam as an application
+// would ask for it (its log lines included): its size first, then the value.
 DWORD fetchDigest(HCRYPTPROV hProv, HCRYPTHASH hHash, HashContext& hash) {
     DWORD size = 0;
     if (!CPGetHashParam(hProv, hHash, HP_HASHVAL, nullptr, &size, 0)) {
@@ -75,17 +84,36 @@ DWORD fetchDigest(HCRYPTPROV hProv, HCRYPTHASH hHash, HashContext& hash) {
     return 0;
 }
 
-// DER public key of the container's first signing key pair; its stored key is a modulus.
-DWORD containerPublicKey(const CspContext& context, Bytes& der) {
-    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(context.serialNumber.c_str(), context.libraryContext);
-    if (keyPairs.empty()) return static_cast<DWORD>(NTE_BAD_KEY);
-    for (const OrvaneKeyPair& keyPair : keyPairs) {
-        if (!signsOrVerifies(keyPair)) continue;
-        if (!context.containerName.empty() && containerNameOf(keyPair) != context.containerName) continue;
-        der = modulusAsDer(keyPair.publicKey, static_cast<size_t>(keyPair.publicKeyLength));
+// The public key CPVerifySignature checks against: the key handle's, or the container's
+// first signing key pair's. 0, or the code to fail with.
+DWORD publicKeyForVerification(const CspContext& context, HCRYPTKEY hPubKey, Bytes& publicKey) {
+    CspKey* key = keyFromHandle(hPubKey);
+    if (key != nullptr && key->pair.publicKeyLength != 0) {
+        Utils::logMessage("key handle available");
+        publicKey = publicKeyDerOf(key->pair, "Public key is already DER encoded",
+                                   "Public key is not DER encoded, converting to DER");
         return 0;
     }
-    return static_cast<DWORD>(NTE_BAD_KEY);
+    Utils::logError("Key Handle Not Initialized or Public Key Length is zero");
+    Utils::logMessage("Container name : " + context.containerName);
+    return containerPublicKey(context, publicKey);
+}
+
+// The signature comes little-endian and goes to the token reversed.
+BOOL verifyDigest(const CspContext& context, const HashContext& hash, const Bytes& publicKey, const BYTE* pbSignature,
+                  DWORD cbSigLen) {
+    Bytes signature = reversedCopy(pbSignature, cbSigLen);
+    int result = verifyWithPublicKey(kCspVerifyFirstArgument, context.serialNumber, hash.hashValue,
+                                     hash.hashValueLength, publicKey, signature.data(), signature.size());
+    Utils::logMessage("pContext->serialNumber: " + context.serialNumber);
+    Utils::logMessage("pHashContext->hashLength: " + std::to_string(hash.hashValueLength));
+    Utils::logMessage("PublicKeyLength: " + std::to_string(publicKey.size()));
+    Utils::logMessage("Signature Length: " + std::to_string(cbSigLen));
+    if (result != 0) {
+        Utils::logError("VERIFY SIGNATURE FAILED :: " + std::to_string(result));
+        return failWith(NTE_BAD_SIGNATURE);
+    }
+    return TRUE;
 }
 
 }  // namespace
@@ -102,33 +130,19 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD, LPCWSTR, DWORD
         if (hash->hashValueLength == 0 && !finishLibraryHash(*context, *hash, sizeof hash->hashValue))
             return failWith(NTE_FAIL);
         // A key chosen by an earlier call on this hash (the size query) is kept.
-        if (hash->keyIdLength != 16 && !chooseSigningKey(*context, *hash)) {
+        if (hash->keyIdLength != kKeyIdLength && !chooseSigningKey(*context, *hash)) {
             Utils::logMessage("Sign certificate not found");
             return failWith(NTE_NO_KEY);
         }
-        if (pbSignature == nullptr) {
-            *pdwSigLen = signatureSize(hash->mechanism);
-            return TRUE;
-        }
+        // Only a missing buffer asks for the size: the token is told the caller's length.
+        if (pbSignature == nullptr)
+            return answerValue(SizeRule::kNullAsksShortFails, nullptr, cspSignatureSize(hash->mechanism), nullptr, pdwSigLen);
 
         if (!ensurePinOrFail(*context)) return FALSE;
         Utils::logMessage("CPSignHash dwFlags : " + std::to_string(dwFlags));
         Utils::logMessage("CPSignHash hashAlgorithm : " + std::to_string(hash->hashAlgorithm));
         Utils::logMessage("CPSignHash key mechanism : " + std::to_string(hash->mechanism));
-
-        PrivateKeyCall call{context->serialNumber, context->libraryContext, hash->keyId, false,
-                            "CPSignHash: SSO expired, re-prompting for PIN", [context] { return ensurePinOrFail(*context); }};
-        PrivateKeyResult signature = signOnToken(
-            call, std::vector<unsigned char>(hash->hashValue, hash->hashValue + hash->hashValueLength), *pdwSigLen);
-        if (signature.pinCheckFailed) return FALSE;
-        if (signature.result != 0) {
-            Utils::logError("Sign hash failed : " + std::to_string(signature.result));
-            return failWith(NTE_PROVIDER_DLL_FAIL);
-        }
-        reverseBytes(signature.output.data(), signature.output.size());
-        if (!signature.output.empty()) std::memcpy(pbSignature, signature.output.data(), signature.output.size());
-        *pdwSigLen = static_cast<DWORD>(signature.output.size());
-        return TRUE;
+        return signDigest(*context, *hash, pbSignature, pdwSigLen);
     });
 }
 
@@ -150,30 +164,8 @@ BOOL WINAPI CPVerifySignature(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pb
             if (DWORD failure = fetchDigest(hProv, hHash, *hash)) return failWith(failure);
 
         Bytes publicKey;
-        CspKey* key = keyFromHandle(hPubKey);
-        if (key != nullptr && key->pair.publicKeyLength != 0) {
-            Utils::logMessage("key handle available");
-            publicKey = publicKeyDerOf(*key, "Public key is already DER encoded",
-                                       "Public key is not DER encoded, converting to DER");
-        } else {
-            Utils::logError("Key Handle Not Initialized or Public Key Length is zero");
-            Utils::logMessage("Container name : " + context->containerName);
-            if (DWORD failure = containerPublicKey(*context, publicKey)) return failWith(failure);
-        }
+        if (DWORD failure = publicKeyForVerification(*context, hPubKey, publicKey)) return failWith(failure);
 
-        Bytes signature = reversedCopy(pbSignature, cbSigLen);
-        int result = orvane_verifySignatureHash(ORVANE_MECH_SHA1, context->serialNumber.c_str(), hash->hashValue,
-                                                static_cast<int>(hash->hashValueLength), publicKey.data(),
-                                                static_cast<int>(publicKey.size()), signature.data(),
-                                                static_cast<int>(signature.size()), nullptr);
-        Utils::logMessage("pContext->serialNumber: " + context->serialNumber);
-        Utils::logMessage("pHashContext->hashLength: " + std::to_string(hash->hashValueLength));
-        Utils::logMessage("PublicKeyLength: " + std::to_string(publicKey.size()));
-        Utils::logMessage("Signature Length: " + std::to_string(cbSigLen));
-        if (result != 0) {
-            Utils::logError("VERIFY SIGNATURE FAILED :: " + std::to_string(result));
-            return failWith(NTE_BAD_SIGNATURE);
-        }
-        return TRUE;
+        return verifyDigest(*context, *hash, publicKey, pbSignature, cbSigLen);
     });
 }

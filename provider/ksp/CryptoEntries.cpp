@@ -7,24 +7,22 @@
 
 #include "diagnostics/Log.h"
 #include "encoding/CngBlobs.h"
+#include "encoding/Der.h"
 #include "encoding/Hex.h"
-#include "encoding/PublicKeyForm.h"
 #include "provider/ksp/KspEntries.h"
 #include "provider/ksp/KspObjects.h"
 #include "provider/ksp/KspResult.h"
+#include "token/CurrentIv.h"
 #include "token/KeyPairFacts.h"
-#include "token/OrvaneDSCLibrary.h"
 #include "token/Pin.h"
 #include "token/PrivateKeyOperations.h"
+#include "token/PublicKeyOperations.h"
 #include "token/Sessions.h"
-#include "token/SharedKeyState.h"
+#include "token/SymmetricKeys.h"
 
 namespace orvane::ksp {
 namespace {
 
-// The largest ciphertext the token makes (RSA-4096): the library writes a modulus-sized
-// ciphertext whatever size the key object records.
-const size_t kLargestCiphertext = 512;
 // Room beyond the ciphertext for a library that writes a block more than it was given.
 const size_t kSymmetricSlack = 32;
 
@@ -55,17 +53,11 @@ PrivateKeyCall privateKeyCall(KspProvider& provider, const KspKey& key, bool tok
 }
 
 Bytes publicKeyDerOf(const KspKey& key) {
-    const unsigned char* stored = key.pair.publicKey;
-    size_t length = std::min<size_t>(key.pair.publicKeyLength, sizeof key.pair.publicKey);
-    if (isStoredPublicKeyDer(stored, length)) {
-        Utils::logMessage("KSP: Public key is already DER encoded");
-        return Bytes(stored, stored + length);
-    }
-    Utils::logMessage("KSP: Public key is raw modulus, converting to DER");
-    return modulusAsDer(stored, length);
+    return orvane::publicKeyDerOf(key.pair, "KSP: Public key is already DER encoded",
+                                  "KSP: Public key is raw modulus, converting to DER");
 }
 
-SECURITY_STATUS decryptSymmetric(KspProvider& provider, KspKey& key, const BYTE* pbInput, DWORD cbInput,
+SECURITY_STATUS decryptWithImportedKey(KspProvider& provider, KspKey& key, const BYTE* pbInput, DWORD cbInput,
                                  PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult) {
     bool ecb = key.chainingMode != 0;
     Utils::logMessage(ecb ? "KSP: Symmetric decrypt ECB mode" : "KSP: Symmetric decrypt CBC mode");
@@ -74,21 +66,18 @@ SECURITY_STATUS decryptSymmetric(KspProvider& provider, KspKey& key, const BYTE*
     Utils::logMessage("KSP: Decrypt input iv : " + toHex(iv));
     Utils::logMessage("KSP: Decrypt input key : " + toHex(key.symmetricKey, keyLength));
 
-    std::vector<unsigned char> plain(size_t{cbInput} + kSymmetricSlack);
-    int length = static_cast<int>(std::min<size_t>(plain.size(), 0x7FFFFFFF));
-    int result = orvane_decryptSymetric(provider.serialNumber.c_str(), pbInput, static_cast<int>(cbInput), plain.data(),
-                                        &length, iv.empty() ? nullptr : iv.data(), static_cast<int>(iv.size()),
-                                        key.symmetricKey, static_cast<int>(keyLength), provider.libraryContext);
-    if (result == 0 && (length < 0 || static_cast<size_t>(length) > plain.size())) result = kImpossibleLibraryAnswer;
-    if (result != 0) {
-        Utils::logError("KSP: Symmetric decryption failed: " + std::to_string(result));
+    SymmetricDecryption decrypted = decryptSymmetric(provider.serialNumber, pbInput, cbInput, size_t{cbInput} + kSymmetricSlack,
+                                                     iv, key.symmetricKey, keyLength, provider.libraryContext);
+    if (decrypted.result != 0) {
+        Utils::logError("KSP: Symmetric decryption failed: " + std::to_string(decrypted.result));
         return NTE_INTERNAL_ERROR;
     }
+    DWORD length = static_cast<DWORD>(decrypted.plain.size());
     // A null or short buffer learns the length only after the whole decryption.
-    if (pbOutput == nullptr || cbOutput < static_cast<DWORD>(length)) Utils::logMessage("pbOutput == NULL ");
+    if (pbOutput == nullptr || cbOutput < length) Utils::logMessage("pbOutput == NULL ");
     else Utils::logMessage("KSP: Symmetric decrypt success, length: " + std::to_string(length));
-    SECURITY_STATUS status = copyPropertyValue(plain.data(), static_cast<DWORD>(length), pbOutput, cbOutput, pcbResult);
-    SecureZeroMemory(plain.data(), plain.size());
+    SECURITY_STATUS status = copyPropertyValue(decrypted.plain.data(), length, pbOutput, cbOutput, pcbResult);
+    SecureZeroMemory(decrypted.plain.data(), decrypted.plain.size());
     return status;
 }
 
@@ -109,6 +98,25 @@ SECURITY_STATUS decryptWithTokenKey(KspProvider& provider, KspKey& key, const BY
     return status;
 }
 
+SECURITY_STATUS signDigest(KspProvider& provider, KspKey& key, const BYTE* pbHashValue, DWORD cbHashValue,
+                           PBYTE pbSignature, DWORD cbSignature, DWORD* pcbResult, DWORD flags) {
+    Utils::logMessage("KSP: SignHash - credential: " + keyIdName(key.pair.keyId));
+    Utils::logMessage("KSP: SignHash - hash length: " + std::to_string(cbHashValue));
+    // The token's flag is not handed on here: signing always passes false.
+    PrivateKeyResult signature =
+        signWithTokenKey(privateKeyCall(provider, key, false, flags, "KSP: SignHash SSO expired, re-prompting for PIN"),
+                         std::vector<unsigned char>(pbHashValue, pbHashValue + cbHashValue), cbSignature);
+    if (signature.pinCheckFailed) return NTE_FAIL;
+    if (signature.result != 0) {
+        Utils::logError("KSP: Sign hash failed: " + std::to_string(signature.result));
+        return NTE_INTERNAL_ERROR;
+    }
+    SECURITY_STATUS status = copyPropertyValue(signature.output.data(), static_cast<DWORD>(signature.output.size()),
+                                               pbSignature, cbSignature, pcbResult);
+    if (status == ERROR_SUCCESS) Utils::logMessage("KSP: SignHash success, signature length=" + std::to_string(*pcbResult));
+    return status;
+}
+
 }  // namespace
 
 SECURITY_STATUS WINAPI KSPEncrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput,
@@ -119,27 +127,23 @@ SECURITY_STATUS WINAPI KSPEncrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDL
         KspKey* key = keyFromHandle(hKey);
         if (key == nullptr || pcbResult == nullptr) return NTE_INVALID_PARAMETER;
 
+        // The ciphertext is modulus-sized, whatever length the plaintext has.
         DWORD size = key->pair.bitLength / 8;
-        *pcbResult = size;
-        if (pbOutput == nullptr) return ERROR_SUCCESS;
-        if (cbOutput < size) return NTE_BUFFER_TOO_SMALL;
+        if (std::optional<SECURITY_STATUS> sizeOnly = answerSizeOnly(size, pbOutput, cbOutput, pcbResult)) return *sizeOnly;
         if (pbInput == nullptr || cbInput == 0) return NTE_INVALID_PARAMETER;
         if (SECURITY_STATUS refused = signOn(*provider, dwFlags)) return refused;
 
-        Bytes der = publicKeyDerOf(*key);
-        Bytes cipher(std::max<size_t>(size, kLargestCiphertext));
-        int length = 0;
-        int result = orvane_encrypt(encryptionTypeForSize(key->pair.bitLength),
-                                    static_cast<PaddingMode>(cng::paddingModeForFlags(dwFlags)), pbInput,
-                                    static_cast<int>(cbInput), cipher.data(), &length, der.data(),
-                                    static_cast<int>(der.size()), provider->libraryContext);
-        if (result == 0 && (length < 0 || static_cast<size_t>(length) > cipher.size())) result = kImpossibleLibraryAnswer;
-        if (result != 0) {
+        PublicKeyEncryption encrypted =
+            encryptWithPublicKey(key->pair.bitLength, size, static_cast<PaddingMode>(cng::paddingModeForFlags(dwFlags)),
+                                 pbInput, cbInput, publicKeyDerOf(*key), provider->libraryContext);
+        if (!encrypted.ok()) {
+            int result = encrypted.libraryResult != 0 ? encrypted.libraryResult : kImpossibleLibraryAnswer;
             Utils::logError("KSP: Encrypt failed: " + std::to_string(result));
             return NTE_INTERNAL_ERROR;
         }
         // The key object may record a smaller size than the key really has: the buffer decides.
-        SECURITY_STATUS status = copyPropertyValue(cipher.data(), static_cast<DWORD>(length), pbOutput, cbOutput, pcbResult);
+        SECURITY_STATUS status = copyPropertyValue(encrypted.cipher.data(), static_cast<DWORD>(encrypted.cipher.size()),
+                                                   pbOutput, cbOutput, pcbResult);
         if (status == ERROR_SUCCESS) Utils::logMessage("KSP: Encrypt success");
         return status;
     });
@@ -154,14 +158,12 @@ SECURITY_STATUS WINAPI KSPDecrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDL
         if (key == nullptr || pcbResult == nullptr) return NTE_INVALID_PARAMETER;
 
         bool symmetric = key->symmetricKeyLength > 0;
-        if (!symmetric && pbOutput == nullptr) {
-            *pcbResult = key->pair.bitLength / 8;
-            return ERROR_SUCCESS;
-        }
+        // Only a token key's size is known beforehand: its modulus.
+        if (!symmetric && pbOutput == nullptr) return *answerSizeOnly(key->pair.bitLength / 8, pbOutput, cbOutput, pcbResult);
         if (pbInput == nullptr || cbInput == 0) return NTE_INVALID_PARAMETER;
         if (SECURITY_STATUS refused = signOn(*provider, dwFlags)) return refused;
 
-        return symmetric ? decryptSymmetric(*provider, *key, pbInput, cbInput, pbOutput, cbOutput, pcbResult)
+        return symmetric ? decryptWithImportedKey(*provider, *key, pbInput, cbInput, pbOutput, cbOutput, pcbResult)
                          : decryptWithTokenKey(*provider, *key, pbInput, cbInput, pbOutput, cbOutput, pcbResult, dwFlags);
     });
 }
@@ -192,23 +194,7 @@ SECURITY_STATUS WINAPI KSPSignHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HAND
             Utils::logError("KSP: PSS padding not supported");
             return NTE_NOT_SUPPORTED;
         }
-        Utils::logMessage("KSP: SignHash - credential: " + toHex(key->pair.keyId, sizeof key->pair.keyId));
-        Utils::logMessage("KSP: SignHash - hash length: " + std::to_string(cbHashValue));
-
-        // The token's flag is not handed on here: signing always passes false.
-        PrivateKeyResult signature =
-            signOnToken(privateKeyCall(*provider, *key, false, dwFlags, "KSP: SignHash SSO expired, re-prompting for PIN"),
-                        std::vector<unsigned char>(pbHashValue, pbHashValue + cbHashValue), cbSignature);
-        if (signature.pinCheckFailed) return NTE_FAIL;
-        if (signature.result != 0) {
-            Utils::logError("KSP: Sign hash failed: " + std::to_string(signature.result));
-            return NTE_INTERNAL_ERROR;
-        }
-        SECURITY_STATUS status = copyPropertyValue(signature.output.data(), static_cast<DWORD>(signature.output.size()),
-                                                   pbSignature, cbSignature, pcbResult);
-        if (status == ERROR_SUCCESS)
-            Utils::logMessage("KSP: SignHash success, signature length=" + std::to_string(*pcbResult));
-        return status;
+        return signDigest(*provider, *key, pbHashValue, cbHashValue, pbSignature, cbSignature, pcbResult, dwFlags);
     });
 }
 
@@ -230,10 +216,8 @@ SECURITY_STATUS WINAPI KSPVerifySignature(NCRYPT_PROV_HANDLE hProvider, NCRYPT_K
         Utils::logMessage("KSP: VerifySignature - hash length: " + std::to_string(cbHashValue));
         Utils::logMessage("KSP: VerifySignature - public key length: " + std::to_string(der.size()));
         Utils::logMessage("KSP: VerifySignature - signature length: " + std::to_string(cbSignature));
-        int result = orvane_verifySignatureHash(static_cast<unsigned int>(key->pair.keyType),
-                                                provider->serialNumber.c_str(), pbHashValue,
-                                                static_cast<int>(cbHashValue), der.data(), static_cast<int>(der.size()),
-                                                pbSignature, static_cast<int>(cbSignature), nullptr);
+        int result = verifyWithPublicKey(static_cast<unsigned int>(key->pair.keyType), provider->serialNumber,
+                                         pbHashValue, cbHashValue, der, pbSignature, cbSignature);
         if (result != 0) {
             Utils::logError("KSP: Verify signature failed: " + std::to_string(result));
             return NTE_BAD_SIGNATURE;

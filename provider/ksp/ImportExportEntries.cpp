@@ -18,10 +18,10 @@
 #include "provider/ksp/KspObjects.h"
 #include "provider/ksp/KspResult.h"
 #include "token/KeyPairFacts.h"
+#include "token/KeySearch.h"
 #include "token/KeyUnwrap.h"
-#include "token/OrvaneDSCLibrary.h"
 #include "token/PrivateKeyOperations.h"
-#include "token/Sessions.h"
+#include "token/SymmetricKeys.h"
 
 namespace orvane::ksp {
 namespace {
@@ -59,17 +59,13 @@ void setPublicKey(KspKey& key, const Bytes& publicKey, uint32_t bits) {
     std::memcpy(key.pair.publicKey, publicKey.data(), length);
     key.pair.publicKeyLength = static_cast<uint32_t>(length);
     key.pair.bitLength = bits;
-    key.pair.keyType = blobs::rsaKeyTypeForBits(bits);
+    key.pair.keyType = rsaKeyTypeForBits(bits);
 }
 
 // The key object of an AES key the token stored, from the record as the library filled it.
 NewKey keyOfStoredSecret(const OrvaneSymmetricKey& stored) {
     NewKey key = newKey();
-    std::memcpy(key->pair.keyId, stored.keyId, sizeof key->pair.keyId);
-    key->pair.keyIdLength = 16;
-    std::memcpy(key->pair.label, stored.label, sizeof stored.label);
-    key->pair.label[sizeof key->pair.label - 1] = '\0';
-    key->pair.tokenFlag = stored.keyFlag;
+    takeSnapshot(key->pair, stored);
     key->pair.keyType = stored.keyType;
     return key;
 }
@@ -94,14 +90,14 @@ SECURITY_STATUS importCapiPublicBlob(const BYTE* pbData, DWORD cbData, NCRYPT_KE
     blobs::RsaBlobRefusal refusal = blobs::parseRsaPublicKeyBlob(pbData, cbData, parsed);
     if (refusal == blobs::RsaBlobRefusal::kBadMagic || refusal == blobs::RsaBlobRefusal::kModulusBeyondBlob)
         return NTE_BAD_DATA;
-    std::string exponent = toHex(parsed.exponent, sizeof parsed.exponent);
-    Utils::logMessage("KSP: Public exponent : " + exponent);
+    Utils::logMessage("KSP: Public exponent : " + toHex(parsed.exponent, sizeof parsed.exponent));
     if (refusal == blobs::RsaBlobRefusal::kUnsupportedSize) {
         Utils::logError("KSP: Unsupported RSA key size");
         return NTE_NOT_SUPPORTED;
     }
     NewKey key = newKey();
-    setPublicKey(*key, encodeRsaPublicKeyDer(toHex(parsed.modulus), exponent), parsed.bitLength);
+    setPublicKey(*key, encodeRsaPublicKeyDer(parsed.modulus, Bytes(parsed.exponent, parsed.exponent + sizeof parsed.exponent)),
+                 parsed.bitLength);
     SECURITY_STATUS status = handOut(std::move(key), phKey);
     Utils::logMessage("KSP: Legacy RSA public key imported successfully");
     return status;
@@ -117,12 +113,9 @@ SECURITY_STATUS importKeyData(KspProvider& provider, const BYTE* pbData, DWORD c
         return NTE_NOT_SUPPORTED;
     }
     OrvaneSymmetricKey record{};
-    std::memcpy(record.keyData, value.data(), value.size());
-    record.keyDataLength = static_cast<int32_t>(value.size());
-    record.keyType = cng::symmetricKeyTypeForLength(value.size());
+    int result = storeAesKey(provider.serialNumber, provider.libraryContext, value.data(), value.size(),
+                             symmetricKeyTypeForLength(value.size()), record);
     SecureZeroMemory(value.data(), value.size());
-    int result = orvane_importAesKey(provider.serialNumber.c_str(), getCachedPin(provider.serialNumber).c_str(), &record,
-                                     provider.libraryContext);
     NewKey key = result == 0 ? keyOfStoredSecret(record) : nullptr;
     SecureZeroMemory(&record, sizeof record);
     if (result != 0) {
@@ -137,9 +130,7 @@ SECURITY_STATUS importKeyData(KspProvider& provider, const BYTE* pbData, DWORD c
 SECURITY_STATUS importWrappedKey(KspProvider& provider, const BYTE* pbData, DWORD cbData, NCRYPT_KEY_HANDLE* phKey) {
     UnwrappedKey unwrapped =
         unwrapAndStoreAesKey(provider.serialNumber, provider.libraryContext, Bytes(pbData, pbData + cbData),
-                             kKspUnwrapTexts, [](size_t length) -> int32_t {
-                                 return length == 16 ? ORVANE_KEY_AES_128 : ORVANE_KEY_AES_256;
-                             });
+                             kKspUnwrapTexts, aesKeyTypeForLength);
     if (unwrapped.outcome == UnwrapOutcome::kNoKek) return NTE_BAD_KEY;
     if (unwrapped.outcome == UnwrapOutcome::kImportFailed) return NTE_BAD_TYPE;
     NewKey key = keyOfStoredSecret(unwrapped.stored);
@@ -151,7 +142,7 @@ SECURITY_STATUS importWrappedKey(KspProvider& provider, const BYTE* pbData, DWOR
 
 SECURITY_STATUS importEncryptedKey(KspProvider& provider, const KspKey& importKey, const BYTE* pbData, DWORD cbData,
                                    NCRYPT_KEY_HANDLE* phKey) {
-    Utils::logMessage("KSP: Input key id : " + toHex(importKey.pair.keyId, sizeof importKey.pair.keyId));
+    Utils::logMessage("KSP: Input key id : " + keyIdName(importKey.pair.keyId));
     // No expiry retry on this path: a single call with the credential held now.
     PrivateKeyCall call{provider.serialNumber, provider.libraryContext, importKey.pair.keyId, importKey.pair.tokenFlag,
                         nullptr, nullptr};
@@ -160,7 +151,7 @@ SECURITY_STATUS importEncryptedKey(KspProvider& provider, const KspKey& importKe
         Utils::logError("KSP: Encrypted key decryption failed");
         return NTE_BAD_DATA;
     }
-    int32_t type = cng::symmetricKeyTypeForLength(plain.output.size());
+    int32_t type = symmetricKeyTypeForLength(plain.output.size());
     if (type == 0) {
         SecureZeroMemory(plain.output.data(), plain.output.size());
         Utils::logError("KSP: Unsupported decrypted key length: " + std::to_string(plain.output.size()));
@@ -170,7 +161,7 @@ SECURITY_STATUS importEncryptedKey(KspProvider& provider, const KspKey& importKe
     std::memcpy(key->symmetricKey, plain.output.data(), plain.output.size());
     key->symmetricKeyLength = static_cast<uint32_t>(plain.output.size());
     SecureZeroMemory(plain.output.data(), plain.output.size());
-    key->pair.keyIdLength = 16;
+    key->pair.keyIdLength = kKeyIdLength;
     key->pair.keyType = type;
     SECURITY_STATUS status = handOut(std::move(key), phKey);
     Utils::logMessage("KSP: Encrypted key imported successfully");
@@ -179,13 +170,11 @@ SECURITY_STATUS importEncryptedKey(KspProvider& provider, const KspKey& importKe
 
 // A key opened before its public key was known (created, not yet finalized) looks it up.
 bool fillPublicKeyFromToken(KspProvider& provider, KspKey& key) {
-    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(provider.serialNumber.c_str(), provider.libraryContext);
-    for (const OrvaneKeyPair& keyPair : keyPairs) {
-        if (std::memcmp(keyPair.keyId, key.pair.keyId, sizeof keyPair.keyId) != 0) continue;
-        size_t length = static_cast<size_t>(std::clamp<int32_t>(keyPair.publicKeyLength, 0, sizeof key.pair.publicKey));
-        std::memcpy(key.pair.publicKey, keyPair.publicKey, length);
+    std::vector<OrvaneKeyPair> keyPairs = readKeyPairs(provider.serialNumber, provider.libraryContext);
+    if (const OrvaneKeyPair* keyPair = findKeyPairById(keyPairs, key.pair.keyId)) {
+        size_t length = static_cast<size_t>(std::clamp<int32_t>(keyPair->publicKeyLength, 0, sizeof key.pair.publicKey));
+        std::memcpy(key.pair.publicKey, keyPair->publicKey, length);
         key.pair.publicKeyLength = static_cast<uint32_t>(length);
-        break;
     }
     return key.pair.publicKeyLength != 0;
 }

@@ -14,12 +14,12 @@
 #include "provider/ksp/KspEntries.h"
 #include "provider/ksp/KspObjects.h"
 #include "provider/ksp/KspResult.h"
+#include "provider/ksp/PinProperty.h"
 #include "token/KeyCertificate.h"
+#include "token/CurrentIv.h"
 #include "token/KeyPairFacts.h"
-#include "token/OrvaneDSCLibrary.h"
 #include "token/Pin.h"
-#include "token/Sessions.h"
-#include "token/SharedKeyState.h"
+#include "token/TokenRequests.h"
 
 namespace orvane::ksp {
 namespace {
@@ -27,7 +27,8 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 
 const DWORD kAllowExport = 0x1;     // NCRYPT_ALLOW_EXPORT_FLAG
-const DWORD kSupportedLengths[4] = {1024, 4096, 1024, 2048};  // NCRYPT_SUPPORTED_LENGTHS: min, max, step, default
+// NCRYPT_SUPPORTED_LENGTHS: min, max, step (the token's RSA sizes are 1024 apart), default.
+const DWORD kSupportedLengths[4] = {kSmallestRsaBits, kLargestRsaBits, 1024, kDefaultRsaBits};
 
 bool isProperty(LPCWSTR property, const wchar_t* name) { return std::wcscmp(property, name) == 0; }
 
@@ -46,12 +47,8 @@ Bytes plainValue(const Value& value) {
 
 // Token usage code to the published key usage flags.
 DWORD keyUsageFlags(uint32_t usage) {
-    switch (usage) {
-    case 1: return properties::kAllowSigningFlag;
-    case 2: return properties::kAllowDecryptFlag;
-    case 3: return properties::kAllowSigningFlag | properties::kAllowDecryptFlag;
-    default: return 0;
-    }
+    return (usageAllowsSigning(usage) ? properties::kAllowSigningFlag : 0) |
+           (usageAllowsExchange(usage) ? properties::kAllowDecryptFlag : 0);
 }
 
 // --- Answers ---
@@ -71,7 +68,7 @@ SECURITY_STATUS answerCertificate(const KspProvider& provider, const KspKey& key
 bool keyPropertyValue(NCRYPT_PROV_HANDLE hProvider, const KspKey& key, LPCWSTR property, Bytes& value) {
     const KeyPairSnapshot& pair = key.pair;
     if (isProperty(property, L"Name") || isProperty(property, L"Unique Name"))
-        value = wideValue(toHex(pair.keyId, sizeof pair.keyId));
+        value = wideValue(keyIdName(pair.keyId));
     else if (isProperty(property, L"Algorithm Name"))
         value = wideValue(std::wstring(cngAlgorithmName(pair.keyType)));
     else if (isProperty(property, L"Algorithm Group"))
@@ -95,6 +92,23 @@ bool keyPropertyValue(NCRYPT_PROV_HANDLE hProvider, const KspKey& key, LPCWSTR p
     else
         return false;
     return true;
+}
+
+// No range check: KSPFinalizeKey decides what is generated. Fewer than four bytes change nothing.
+SECURITY_STATUS setLength(KspKey& key, PBYTE pbInput, DWORD cbInput) {
+    uint32_t word = 0;
+    if (properties::dwordFromPropertyValue(pbInput, cbInput, word)) {
+        key.pair.bitLength = word;
+        Utils::logMessage("KSP: Key length set to " + std::to_string(word));
+    }
+    return ERROR_SUCCESS;
+}
+
+SECURITY_STATUS setKeyUsage(KspKey& key, PBYTE pbInput, DWORD cbInput) {
+    uint32_t word = 0;
+    if (properties::dwordFromPropertyValue(pbInput, cbInput, word))
+        key.pair.usage = properties::usageFromKeyUsageFlags(word, key.pair.usage);
+    return ERROR_SUCCESS;
 }
 
 SECURITY_STATUS setIv(const KspKey& key, PBYTE pbInput, DWORD cbInput) {
@@ -131,7 +145,7 @@ SECURITY_STATUS setChainingMode(KspKey& key, PBYTE pbInput, DWORD cbInput) {
     }
 }
 
-SECURITY_STATUS storeCertificate(const KspProvider& provider, const KspKey& key, PBYTE pbInput, DWORD cbInput) {
+SECURITY_STATUS storeKeyCertificate(const KspProvider& provider, const KspKey& key, PBYTE pbInput, DWORD cbInput) {
     OrvaneCertificate record{};
     if (pbInput == nullptr || cbInput == 0 || cbInput > sizeof record.certData) return NTE_INVALID_PARAMETER;
     if (!ensurePinValidated(provider.serialNumber, provider.libraryContext, kKspPinTexts)) return NTE_FAIL;
@@ -140,8 +154,7 @@ SECURITY_STATUS storeCertificate(const KspProvider& provider, const KspKey& key,
     // The key's identifier goes in the link field, the only named field that can carry it.
     std::memcpy(record.certLinkId, key.pair.keyId, sizeof key.pair.keyId);
     record.certLinkIdLength = static_cast<int32_t>(sizeof key.pair.keyId);
-    int result = orvane_importCertificate(provider.serialNumber.c_str(), getCachedPin(provider.serialNumber).c_str(),
-                                          &record, provider.libraryContext);
+    int result = storeCertificate(provider.serialNumber, provider.libraryContext, record);
     if (result != 0) {
         Utils::logError("KSP: Import certificate failed: " + std::to_string(result));
         return NTE_INTERNAL_ERROR;
@@ -181,32 +194,14 @@ SECURITY_STATUS WINAPI KSPSetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KE
         if (provider == nullptr || key == nullptr) return NTE_INVALID_HANDLE;
         if (pszProperty == nullptr) return NTE_INVALID_PARAMETER;
 
-        uint32_t word = 0;
         if (isProperty(pszProperty, L"HWND Handle")) return ERROR_SUCCESS;
-        if (isProperty(pszProperty, L"Length")) {
-            // No range check: KSPFinalizeKey decides what is generated.
-            if (properties::dwordFromPropertyValue(pbInput, cbInput, word)) {
-                key->pair.bitLength = word;
-                Utils::logMessage("KSP: Key length set to " + std::to_string(word));
-            }
-            return ERROR_SUCCESS;
-        }
-        if (isProperty(pszProperty, L"Key Usage")) {
-            if (properties::dwordFromPropertyValue(pbInput, cbInput, word))
-                key->pair.usage = properties::usageFromKeyUsageFlags(word, key->pair.usage);
-            return ERROR_SUCCESS;
-        }
+        if (isProperty(pszProperty, L"Length")) return setLength(*key, pbInput, cbInput);
+        if (isProperty(pszProperty, L"Key Usage")) return setKeyUsage(*key, pbInput, cbInput);
         if (isProperty(pszProperty, L"ChainingMode")) return setChainingMode(*key, pbInput, cbInput);
         if (isProperty(pszProperty, L"IV")) return setIv(*key, pbInput, cbInput);
-        if (isProperty(pszProperty, L"SmartCardPin")) {
-            if (pbInput == nullptr) return NTE_INVALID_PARAMETER;
-            SecretBytes pin(properties::pinFromPropertyValue(pbInput, cbInput));
-            return acceptCallerPin(provider->serialNumber, pin, provider->libraryContext, kKspPinTexts) == 0
-                       ? ERROR_SUCCESS
-                       : NTE_VALIDATION_FAILED;
-        }
+        if (isProperty(pszProperty, L"SmartCardPin")) return acceptPinProperty(*provider, pbInput, cbInput);
         if (isProperty(pszProperty, L"SmartCardKeyCertificate"))
-            return storeCertificate(*provider, *key, pbInput, cbInput);
+            return storeKeyCertificate(*provider, *key, pbInput, cbInput);
         return NTE_NOT_SUPPORTED;
     });
 }

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <optional>
 #include <string>
 
 #include "diagnostics/Log.h"
@@ -32,12 +33,19 @@ SECURITY_STATUS guardEntry(const char* entryName, Body&& body) {
     }
 }
 
-// Size first; a null buffer is a size query; a short buffer is NTE_BUFFER_TOO_SMALL.
-inline SECURITY_STATUS copyPropertyValue(const void* value, DWORD size, PBYTE pbOutput, DWORD cbOutput,
-                                         DWORD* pcbResult) {
+// The rule for every value that leaves: the size first; a null buffer is a size query, a short
+// buffer NTE_BUFFER_TOO_SMALL. Empty when the buffer holds the value.
+inline std::optional<SECURITY_STATUS> answerSizeOnly(DWORD size, PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult) {
     *pcbResult = size;
     if (pbOutput == nullptr) return ERROR_SUCCESS;
     if (cbOutput < size) return NTE_BUFFER_TOO_SMALL;
+    return std::nullopt;
+}
+
+// The value under that rule.
+inline SECURITY_STATUS copyPropertyValue(const void* value, DWORD size, PBYTE pbOutput, DWORD cbOutput,
+                                         DWORD* pcbResult) {
+    if (std::optional<SECURITY_STATUS> sizeOnly = answerSizeOnly(size, pbOutput, cbOutput, pcbResult)) return *sizeOnly;
     if (size != 0) std::memcpy(pbOutput, value, size);
     return ERROR_SUCCESS;
 }
@@ -47,9 +55,5 @@ inline void* allocateForCaller(size_t size) { return HeapAlloc(GetProcessHeap(),
 inline void releaseForCaller(void* buffer) {
     if (buffer != nullptr) HeapFree(GetProcessHeap(), 0, buffer);
 }
-
-// KSPEnumKeys hands out each key-name record and its two strings as separate blocks; callers
-// give back the record alone or all three. True when buffer was one of them, now dealt with.
-bool releaseKeyNameForCaller(void* buffer);
 
 }  // namespace orvane::ksp

@@ -9,17 +9,20 @@
 
 #include "diagnostics/Log.h"
 #include "encoding/ProviderPropertyValues.h"
+#include "provider/ksp/KeyNameLedger.h"
 #include "provider/ksp/KspEntries.h"
 #include "provider/ksp/KspObjects.h"
 #include "provider/ksp/KspResult.h"
 #include "token/OrvaneDSCLibrary.h"
 #include "token/Pin.h"
 #include "token/Devices.h"
+#include "provider/ksp/PinProperty.h"
+#include "provider/ProviderName.h"
+#include "token/Sessions.h"
 
 namespace orvane::ksp {
 namespace {
 
-const wchar_t kProviderName[] = L"Orvane Cryptographic Provider CSP";
 const wchar_t kRsaAlgorithm[] = L"RSA";
 const DWORD kImplType = NCRYPT_IMPL_HARDWARE_FLAG | NCRYPT_IMPL_REMOVABLE_FLAG;
 const DWORD kVersion = 0x100;
@@ -33,7 +36,7 @@ struct ProviderPropertyValue {
 };
 
 const ProviderPropertyValue kProviderProperties[] = {
-    {L"Name", kProviderName, sizeof kProviderName},
+    {L"Name", kProviderNameWide.text, sizeof kProviderNameWide.text},
     {L"Impl Type", &kImplType, sizeof kImplType},
     {L"Version", &kVersion, sizeof kVersion},
     {L"Algorithm Name", kRsaAlgorithm, sizeof kRsaAlgorithm},
@@ -45,13 +48,6 @@ const ProviderPropertyValue* findProviderProperty(LPCWSTR name) {
     for (const ProviderPropertyValue& property : kProviderProperties)
         if (std::wcscmp(property.name, name) == 0) return &property;
     return nullptr;
-}
-
-SECURITY_STATUS setPin(KspProvider& provider, PBYTE pbInput, DWORD cbInput) {
-    if (pbInput == nullptr) return NTE_INVALID_PARAMETER;
-    SecretBytes pin(properties::pinFromPropertyValue(pbInput, cbInput));
-    return acceptCallerPin(provider.serialNumber, pin, provider.libraryContext, kKspPinTexts) == 0 ? ERROR_SUCCESS
-                                                                                        : NTE_VALIDATION_FAILED;
 }
 
 }  // namespace
@@ -111,7 +107,7 @@ SECURITY_STATUS WINAPI KSPSetProviderProperty(NCRYPT_PROV_HANDLE hProvider, LPCW
             provider->parentWindow = reinterpret_cast<HWND>(static_cast<uintptr_t>(window));
             return ERROR_SUCCESS;
         }
-        if (std::wcscmp(pszProperty, L"SmartCardPin") == 0) return setPin(*provider, pbInput, cbInput);
+        if (std::wcscmp(pszProperty, L"SmartCardPin") == 0) return acceptPinProperty(*provider, pbInput, cbInput);
         return NTE_NOT_SUPPORTED;
     });
 }

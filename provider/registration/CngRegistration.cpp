@@ -3,6 +3,7 @@
 #include <string>
 
 #include "diagnostics/Log.h"
+#include "provider/ProviderName.h"
 
 namespace orvane::registration {
 namespace {
@@ -16,13 +17,12 @@ HRESULT hresultFromNtStatus(NTSTATUS status) {
 void clearRegistration(const CngRegistrationApi& api) {
     if (api.removeContextFunctionProvider)
         api.removeContextFunctionProvider(CRYPT_LOCAL, nullptr, NCRYPT_KEY_STORAGE_INTERFACE, kKeyStorageFunction,
-                                          kProviderName);
-    if (api.unregisterProvider) api.unregisterProvider(kProviderName);
+                                          kProviderNameWide.text);
+    if (api.unregisterProvider) api.unregisterProvider(kProviderNameWide.text);
 }
 
 }  // namespace
 
-const wchar_t kProviderName[] = L"Orvane Cryptographic Provider CSP";
 const wchar_t kImageName[] = L"OrvaneCSP.dll";
 const wchar_t kKeyStorageFunction[] = L"KEY_STORAGE";
 
@@ -39,13 +39,13 @@ HRESULT registerKeyStorageProvider(const CngRegistrationApi& api) {
     CRYPT_IMAGE_REG image = {const_cast<PWSTR>(kImageName), 1, interfaces};
     CRYPT_PROVIDER_REG provider = {0, nullptr, &image, nullptr};
 
-    NTSTATUS status = api.registerProvider(kProviderName, 0, &provider);
+    NTSTATUS status = api.registerProvider(kProviderNameWide.text, 0, &provider);
     if (status != 0) {
         Utils::logError("BCryptRegisterProvider failed: 0x" + std::to_string(static_cast<long>(status)));
         return hresultFromNtStatus(status);
     }
     status = api.addContextFunctionProvider(CRYPT_LOCAL, nullptr, NCRYPT_KEY_STORAGE_INTERFACE, kKeyStorageFunction,
-                                            kProviderName, CRYPT_PRIORITY_BOTTOM);
+                                            kProviderNameWide.text, CRYPT_PRIORITY_BOTTOM);
     if (status != 0) {
         Utils::logError("BCryptAddContextFunctionProvider failed: 0x" + std::to_string(static_cast<long>(status)));
         return hresultFromNtStatus(status);

@@ -25,7 +25,6 @@ struct CngRegistrationApi {
         removeContextFunctionProvider;
 };
 
-extern const wchar_t kProviderName[];
 extern const wchar_t kImageName[];
 extern const wchar_t kKeyStorageFunction[];
 

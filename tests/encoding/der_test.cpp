@@ -38,13 +38,13 @@ TEST(DerEncoding, HexTextIsReadLeniently) {
 TEST(DerEncoding, ModulusWithTopBitSetAndWithout) {
     Bytes modulus(256, 0x5A);
     modulus[0] = 0xC3;
-    Bytes der = orvane::encodeRsaPublicKeyDer(orvane::toHex(modulus), "010001");
+    Bytes der = orvane::encodeRsaPublicKeyDer(modulus, orvane::kRsaPublicExponent);
     ASSERT_EQ(294u, der.size());
     EXPECT_EQ("30820122300D06092A864886F70D01010105000382010F003082010A0282010100C3", hexOf(Bytes(der.begin(), der.begin() + 34)));
     EXPECT_EQ("0203010001", hexOf(Bytes(der.end() - 5, der.end())));
 
     Bytes small(128, 0x11);
-    Bytes der128 = orvane::encodeRsaPublicKeyDer(orvane::toHex(small), "010001");
+    Bytes der128 = orvane::encodeRsaPublicKeyDer(small, orvane::kRsaPublicExponent);
     EXPECT_NE(std::string::npos, hexOf(der128).find("02818011111111")) << "INTEGER 0x02 0x81 0x80 and the modulus";
 }
 
@@ -55,7 +55,7 @@ TEST(DerEncoding, StoredKeyFormFollowsTheFirstByte) {
     EXPECT_TRUE(orvane::isStoredPublicKeyDer(nullptr, 0)) << "an empty key stays empty";
     Bytes modulus(128, 0x9C);
     EXPECT_FALSE(orvane::isStoredPublicKeyDer(modulus.data(), modulus.size()));
-    EXPECT_EQ(orvane::encodeRsaPublicKeyDer(orvane::toHex(modulus), "010001"),
+    EXPECT_EQ(orvane::encodeRsaPublicKeyDer(modulus, {0x01, 0x00, 0x01}),
               orvane::publicKeyAsDer(modulus.data(), modulus.size()));
 }
 
@@ -69,7 +69,7 @@ TEST(DerEncoding, OpenSslReadsTheEncodingAsTheSameRsaKey) {
         std::string hex = modulus.output.substr(0, modulus.output.find('\n'));
         ASSERT_EQ(static_cast<size_t>(bits / 4), hex.size());
 
-        writeFile(workDir() + "/" + name + ".ours.der", orvane::encodeRsaPublicKeyDer(hex, "010001"));
+        writeFile(workDir() + "/" + name + ".ours.der", orvane::encodeRsaPublicKeyDer(orvane::hexToBytes(hex), {0x01, 0x00, 0x01}));
         HostResult check = runHost("openssl rsa -pubin -inform DER -in " + name +
                                    ".ours.der -noout -modulus | sed 's/^Modulus=//' && "
                                    "openssl rsa -in " + name + ".key -pubout -outform DER -out " + name +

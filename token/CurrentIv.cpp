@@ -1,4 +1,4 @@
-#include "token/SharedKeyState.h"
+#include "token/CurrentIv.h"
 
 #include <mutex>
 
