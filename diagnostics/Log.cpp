@@ -1,11 +1,17 @@
 #include "diagnostics/Log.h"
 
 #include <windows.h>
+#include <aclapi.h>
 #include <psapi.h>
+#include <sddl.h>
 
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <vector>
+
+#include "diagnostics/LogOwner.h"
+#include "encoding/Hex.h"
 
 namespace {
 
@@ -17,6 +23,12 @@ const size_t kPathCapacity = 1024;
 // own watch under Wine, so the settings key is not watched itself.
 const char kParentKey[] = "Software\\Kestrelon";
 const char kSoftwareKey[] = "Software";
+
+// What the writer makes gets this access list instead of the temporary folder's (which, as
+// C:\Windows\Temp, lets every user in): full control for the owner, SYSTEM and
+// Administrators, nobody else, nothing inherited.
+const char kLogAccess[] = "D:P(A;OICI;FA;;;OW)(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+const char kLimitReached[] = "Log file size limit reached: no more lines today";
 
 // Anything but ERROR_SUCCESS when the key or value is missing or unreadable.
 LONG readLogLevel(HKEY key, const char* subKey, DWORD& level) {
@@ -45,6 +57,10 @@ struct LogState {
 
     HANDLE file = INVALID_HANDLE_VALUE;
     WORD fileYear = 0, fileMonth = 0, fileDay = 0;
+    std::uint64_t sizeLimit = Utils::kDayFileLimit;
+    bool dayFull = false;  // the limit's line is written: nothing more until the next day
+
+    PSECURITY_DESCRIPTOR access = nullptr;  // kLogAccess, built on first use
 
     void closeWatch() {
         for (HKEY& key : watched) {
@@ -62,6 +78,8 @@ struct LogState {
         changed = nullptr;
         closeFile();
         levelKnown = false;
+        if (access) LocalFree(access);
+        access = nullptr;
     }
 
     // Arms the notifications before the value is read, so that no change is missed.
@@ -127,11 +145,59 @@ void appendBounded(std::string& path, const std::string& text) {
     path.append(text, 0, room);
 }
 
-void ensureFolder(const std::string& folder) {
-    if (GetFileAttributesA(folder.c_str()) == INVALID_FILE_ATTRIBUTES) CreateDirectoryA(folder.c_str(), nullptr);
+// The SID of the user this thread writes as (its impersonation token's, else the process's)
+// in buffer; null when it cannot be read.
+PSID currentUser(std::vector<unsigned char>& buffer) {
+    HANDLE token = nullptr;
+    if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token) &&
+        !OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token))
+        return nullptr;
+    DWORD size = 0;
+    GetTokenInformation(token, TokenUser, nullptr, 0, &size);
+    buffer.assign(size, 0);
+    bool read = size != 0 && GetTokenInformation(token, TokenUser, buffer.data(), size, &size);
+    CloseHandle(token);
+    return read ? reinterpret_cast<TOKEN_USER*>(buffer.data())->User.Sid : nullptr;
 }
 
-std::string logFilePath(LogState& state, const SYSTEMTIME& today) {
+bool trustedOwner(DWORD status, PSID owner, PSECURITY_DESCRIPTOR descriptor, PSID user) {
+    bool trusted = status == ERROR_SUCCESS && orvane::isTrustedLogOwner(owner, user);
+    if (status == ERROR_SUCCESS) LocalFree(descriptor);
+    return trusted;
+}
+
+// Made with the log's access list when missing, then used only if it is a real folder (not a
+// junction, symbolic link or mount point) of a trusted owner: checked after the creation, so a
+// folder that someone else made first in between is refused too.
+bool preparedFolder(const std::string& folder, SECURITY_ATTRIBUTES& access, PSID user) {
+    if (GetFileAttributesA(folder.c_str()) == INVALID_FILE_ATTRIBUTES) CreateDirectoryA(folder.c_str(), &access);
+    DWORD attributes = GetFileAttributesA(folder.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0 ||
+        (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
+        return false;
+    PSID owner = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    DWORD status = GetNamedSecurityInfoA(folder.c_str(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr,
+                                         nullptr, nullptr, &descriptor);
+    return trustedOwner(status, owner, descriptor, user);
+}
+
+// The opened day's file is used only if it is no reparse point, has no second name (a hard
+// link to a file elsewhere) and has a trusted owner.
+bool acceptedFile(HANDLE file, PSID user) {
+    BY_HANDLE_FILE_INFORMATION facts{};
+    if (!GetFileInformationByHandle(file, &facts) || facts.nNumberOfLinks != 1 ||
+        (facts.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0)
+        return false;
+    PSID owner = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    DWORD status = GetSecurityInfo(file, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr,
+                                   nullptr, &descriptor);
+    return trustedOwner(status, owner, descriptor, user);
+}
+
+// The day's file path; empty when one of its folders is refused.
+std::string logFilePath(LogState& state, const SYSTEMTIME& today, SECURITY_ATTRIBUTES& access, PSID user) {
     char temp[kPathCapacity] = {};
     std::string path;
     DWORD length = GetTempPathA(sizeof temp, temp);
@@ -143,11 +209,12 @@ std::string logFilePath(LogState& state, const SYSTEMTIME& today) {
     if (!state.haveProcessName)
         state.haveProcessName =
             K32GetModuleBaseNameA(GetCurrentProcess(), nullptr, state.processName, sizeof state.processName) != 0;
-    appendBounded(path, "/Kestrelon/");
-    ensureFolder(path);
-    appendBounded(path, state.processName);
+    appendBounded(path, "/Kestrelon");
+    if (!preparedFolder(path, access, user)) return std::string();
     appendBounded(path, "/");
-    ensureFolder(path);
+    appendBounded(path, state.processName);
+    if (!preparedFolder(path, access, user)) return std::string();
+    appendBounded(path, "/");
 
     char date[16] = {};
     std::snprintf(date, sizeof date, "%04d-%02d-%02d", today.wYear, today.wMonth, today.wDay);  // %Y-%m-%d
@@ -162,14 +229,38 @@ bool openDayFile(LogState& state, const SYSTEMTIME& now) {
         state.fileDay == now.wDay)
         return true;
     state.closeFile();
-    std::string path = logFilePath(state, now);
-    state.file = CreateFileA(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
-                             FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (state.fileYear != now.wYear || state.fileMonth != now.wMonth || state.fileDay != now.wDay)
+        state.dayFull = false;
+
+    std::vector<unsigned char> userBuffer;
+    PSID user = currentUser(userBuffer);
+    if (user == nullptr) return false;
+    if (state.access == nullptr &&
+        !ConvertStringSecurityDescriptorToSecurityDescriptorA(kLogAccess, SDDL_REVISION_1, &state.access, nullptr))
+        return false;
+    SECURITY_ATTRIBUTES access{sizeof access, state.access, FALSE};
+    std::string path = logFilePath(state, now, access, user);
+    if (path.empty()) return false;
+    // Size and owner are read through the handle; a reparse point is opened as itself, not followed.
+    state.file = CreateFileA(path.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | READ_CONTROL,
+                             FILE_SHARE_READ | FILE_SHARE_WRITE, &access, OPEN_ALWAYS,
+                             FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
     if (state.file == INVALID_HANDLE_VALUE) return false;
+    if (!acceptedFile(state.file, user)) {
+        state.closeFile();
+        return false;
+    }
     state.fileYear = now.wYear;
     state.fileMonth = now.wMonth;
     state.fileDay = now.wDay;
     return true;
+}
+
+// Whether line still fits in the day's file with room left for the limit's own line.
+bool fitsUnderLimit(const LogState& state, const std::string& line, const std::string& limitLine) {
+    LARGE_INTEGER size{};
+    if (!GetFileSizeEx(state.file, &size)) return true;  // the write itself will tell
+    return static_cast<std::uint64_t>(size.QuadPart) + line.size() + limitLine.size() <= state.sizeLimit;
 }
 
 bool writeAll(HANDLE file, const std::string& line) {
@@ -225,10 +316,17 @@ void Utils::appendLine(int level, const std::string& message) {
         std::fputs("\nUnable to write log", stdout);
         return;
     }
+    if (state.dayFull) return;
     char stamp[64];
     std::snprintf(stamp, sizeof stamp, "%02d/%02d::%02d:%02d:%02d:%03d-> ", now.wDay, now.wMonth, now.wHour,
                   now.wMinute, now.wSecond, now.wMilliseconds);
     std::string line = std::string(stamp) + "->" + levelPrefix(level) + message + "\n";
+    std::string limitLine = std::string(stamp) + "->" + levelPrefix(0) + kLimitReached + "\n";
+    if (!fitsUnderLimit(state, line, limitLine)) {
+        state.dayFull = true;
+        writeAll(state.file, limitLine);
+        return;
+    }
     if (writeAll(state.file, line)) return;
     // The kept handle may have gone bad (a volume gone, a file replaced): try once with a fresh one.
     state.closeFile();
@@ -237,3 +335,44 @@ void Utils::appendLine(int level, const std::string& message) {
         state.closeFile();
     }
 }
+
+void Utils::reopenDayFile(std::uint64_t sizeLimit) {
+    DWORD lastError = GetLastError();
+    try {
+        LogState& state = logState();
+        std::lock_guard<std::mutex> guard(state.mutex);
+        state.closeFile();
+        state.sizeLimit = sizeLimit;
+        state.dayFull = false;
+    } catch (...) {
+    }
+    SetLastError(lastError);
+}
+
+namespace orvane {
+
+std::string escapeControlCharacters(const std::string& text) {
+    std::string escaped;
+    escaped.reserve(text.size());
+    for (char c : text) {
+        unsigned char byte = static_cast<unsigned char>(c);
+        if (byte == '\r') {
+            escaped += "\\r";
+        } else if (byte == '\n') {
+            escaped += "\\n";
+        } else if (byte < 0x20 || byte == 0x7F) {
+            escaped += "\\x" + toHex(&byte, 1);
+        } else {
+            escaped += c;
+        }
+    }
+    return escaped;
+}
+
+bool isTrustedLogOwner(PSID owner, PSID currentUser) {
+    if (owner == nullptr || !IsValidSid(owner)) return false;
+    return (currentUser != nullptr && IsValidSid(currentUser) && EqualSid(owner, currentUser)) ||
+           IsWellKnownSid(owner, WinLocalSystemSid) || IsWellKnownSid(owner, WinBuiltinAdministratorsSid);
+}
+
+}  // namespace orvane

@@ -3,12 +3,18 @@
 // which is watched for changes so logging can be switched while a host runs. The day's file
 // stays open between lines.
 //
+// Under a shared temporary folder (C:\Windows\Temp for services and for registration run as
+// SYSTEM) anyone may have made "Kestrelon" or the process's folder first. A folder or file that
+// is a reparse point, or whose owner is neither the writing user nor SYSTEM nor Administrators,
+// is refused and the line is lost; what the writer makes it makes with its own access list.
+//
 // Some texts written here or shown to the user are misspelt on purpose: "Kidly" (the CSP's
 // clock-mismatch message), "Crete hash algorithm", "defaukt", "Emport", "Contest", "exhange"
 // (CSP log lines). They are spelt as the system must write them, since log readers and tests
 // match them byte for byte: do not correct them.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 class Utils {
@@ -22,7 +28,22 @@ public:
     // Appends one line; never fails the caller and never throws.
     static void writeLine(int level, const std::string& message);
 
+    // A day's file stops growing at this size: one last line says so, then nothing more that day.
+    static constexpr std::uint64_t kDayFileLimit = 64ull * 1024 * 1024;
+    // Closes the day's file so that the next line finds and checks its place again, with this
+    // size limit (tests lower it).
+    static void reopenDayFile(std::uint64_t sizeLimit = kDayFileLimit);
+
 private:
     // Called with the log mutex held.
     static void appendLine(int level, const std::string& message);
 };
+
+namespace orvane {
+
+// A name a caller handed in (container, key or property), as it goes into a line: CR and LF
+// become \r and \n, the other bytes below 0x20 and 0x7F become \xNN, so that the name cannot
+// make a line of its own. Every other byte stays as it is.
+std::string escapeControlCharacters(const std::string& text);
+
+}  // namespace orvane

@@ -29,7 +29,7 @@ std::string loggedContainerName(LPCSTR szContainer) {
         return std::string();
     }
     std::string containerName = szContainer;
-    Utils::logMessage("CPAcquireContext - Container name : " + containerName);
+    Utils::logMessage("CPAcquireContext - Container name : " + escapeControlCharacters(containerName));
     return containerName;
 }
 

@@ -107,7 +107,7 @@ BOOL WINAPI CPGetUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey
 
         std::vector<OrvaneKeyPair> keyPairs = readKeyPairs(context->serialNumber, context->libraryContext);
         if (keyPairs.empty()) return failWith(NTE_NO_KEY);
-        Utils::logMessage("CPGetUserKey - Container name : " + context->containerName);
+        Utils::logMessage("CPGetUserKey - Container name : " + escapeControlCharacters(context->containerName));
 
         ALG_ID algId = 0;
         const OrvaneKeyPair* keyPair = findUserKeyPair(keyPairs, context->containerName, dwKeySpec, algId);

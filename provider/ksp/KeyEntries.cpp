@@ -48,7 +48,7 @@ SECURITY_STATUS checkHexNameListed(const std::vector<OrvaneKeyPair>& keyPairs, c
             return ERROR_SUCCESS;
         }
     }
-    Utils::logError("KSP: Input key not found on token: " + name);
+    Utils::logError("KSP: Input key not found on token: " + escapeControlCharacters(name));
     return NTE_NO_KEY;
 }
 
@@ -105,14 +105,14 @@ SECURITY_STATUS WINAPI KSPOpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDL
         if (provider == nullptr) return NTE_INVALID_HANDLE;
         if (phKey == nullptr) return NTE_INVALID_PARAMETER;
         std::string name = narrowLowBytes(pszKeyName);
-        Utils::logMessage("KSP: Opening key: " + name);
+        Utils::logMessage("KSP: Opening key: " + escapeControlCharacters(name));
 
         moveToTokenHoldingKey(*provider, name);
         std::vector<OrvaneKeyPair> keyPairs = readKeyPairs(provider->serialNumber, provider->libraryContext);
         if (SECURITY_STATUS refused = checkHexNameListed(keyPairs, name)) return refused;
         const OrvaneKeyPair* chosen = chooseKeyPair(keyPairs, name, dwLegacyKeySpec);
         if (chosen == nullptr) {
-            Utils::logError("KSP: Key not found: " + name);
+            Utils::logError("KSP: Key not found: " + escapeControlCharacters(name));
             return NTE_NO_KEY;
         }
 

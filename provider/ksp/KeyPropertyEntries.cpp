@@ -172,7 +172,7 @@ SECURITY_STATUS WINAPI KSPGetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KE
         KspKey* key = keyFromHandle(hKey);
         if (provider == nullptr || key == nullptr) return NTE_INVALID_HANDLE;
         if (pszProperty == nullptr || pcbResult == nullptr) return NTE_INVALID_PARAMETER;
-        Utils::logMessage("KSP: GetKeyProperty: " + narrowLowBytes(pszProperty));
+        Utils::logMessage("KSP: GetKeyProperty: " + escapeControlCharacters(narrowLowBytes(pszProperty)));
 
         Bytes value;
         if (keyPropertyValue(hProvider, *key, pszProperty, value))

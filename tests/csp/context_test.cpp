@@ -79,6 +79,19 @@ TEST(CspAcquireContext, ChoosesTheTokenThatHoldsTheContainer) {
     EXPECT_NE(std::string::npos, logSince(before).find("->DEBUG ::=>Acquire Context :: Key List is empty\n"));
 }
 
+TEST(CspAcquireContext, ContainerNameWithLineBreaksStaysOnItsOwnLine) {
+    freshToken("BREAK-1");
+    std::string before = readProviderLog();
+    HCRYPTPROV provider = 0;
+    if (acquire(provider, "00\r\n01/01::00:00:00:000-> ->ERROR ::=>forged\t\x7F")) CryptReleaseContext(provider, 0);
+    std::string written = logSince(before);
+    EXPECT_NE(std::string::npos,
+              written.find("->DEBUG ::=>CPAcquireContext - Container name : "
+                           "00\\r\\n01/01::00:00:00:000-> ->ERROR ::=>forged\\x09\\x7F\n"))
+        << written;
+    EXPECT_EQ(std::string::npos, written.find("\n01/01::")) << written;
+}
+
 TEST(CspAcquireContext, InitialisesEachTokenOncePerProcessAndRetriesAFailedOne) {
     useFreshStore("once");
     addToken("ONCE-1", false);

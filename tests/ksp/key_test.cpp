@@ -105,10 +105,14 @@ TEST_F(KspKeys, OpensOnlyAnExactHexNameAndEnumeratesItsToken) {
     SECURITY_STATUS status = 0;
     std::string lower = alpha_;
     std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
-    for (const std::string& name : {lower, std::string("alpha"), std::string(""), captured_}) {
+    std::string before = readProviderLog();
+    for (const std::string& name : {lower, std::string("alpha"), std::string(""), captured_, std::string("AB\r\nCD")}) {
         EXPECT_EQ(0u, openKspKey(p_, name, AT_SIGNATURE, &status)) << name;
         EXPECT_EQ(NTE_NO_KEY, status) << name;
     }
+    std::string written = logSince(before);
+    EXPECT_NE(std::string::npos, written.find("->DEBUG ::=>KSP: Opening key: AB\\r\\nCD\n")) << "a name keeps its line";
+    EXPECT_NE(std::string::npos, written.find("->ERROR ::=>KSP: Input key not found on token: AB\\r\\nCD\n"));
     KspKeyHandle gamma(p_, openKspKey(p_, gamma_, 0, &status));
     ASSERT_EQ(0, status);
     EXPECT_EQ(gamma_, text(p_, gamma.get(), L"Name"));

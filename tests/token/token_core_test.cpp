@@ -4,9 +4,15 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <regex>
 
+#include <windows.h>
+#include <psapi.h>
+#include <sddl.h>
+
 #include "diagnostics/Log.h"
+#include "diagnostics/LogOwner.h"
 #include "softtoken/SoftTokenAdmin.h"
 #include "tests/support/ProviderSupport.h"
 #include "tests/support/TestSupport.h"
@@ -96,6 +102,91 @@ TEST_F(LogWriterTest, SettingsKeyMadeAgainAndLinesFromOtherWritersAreFollowed) {
     std::regex order("[^\n]*->DEBUG ::=>first\nforeign\n[^\n]*->DEBUG ::=>second\n");
     std::string since = logSince(before);
     EXPECT_TRUE(std::regex_match(since, order)) << since;
+}
+
+TEST_F(LogWriterTest, DayFileStopsAtItsLimitWithOneLineSayingSo) {
+    std::string before = readProviderLog();
+    Utils::reopenDayFile(before.size() + 400);
+    for (int i = 0; i < 20; ++i) Utils::logError("line " + std::to_string(i) + std::string(40, '.'));
+    std::string since = logSince(before);
+    Utils::reopenDayFile();
+    const std::string limitLine = "->INFO  ::=>Log file size limit reached: no more lines today\n";
+    EXPECT_LE(since.size(), 400u);
+    EXPECT_NE(std::string::npos, since.find("ERROR ::=>line 2.")) << since;
+    ASSERT_GE(since.size(), limitLine.size());
+    EXPECT_EQ(limitLine, since.substr(since.size() - limitLine.size())) << "the last line, and only once: " << since;
+    EXPECT_EQ(since.find("limit reached"), since.rfind("limit reached"));
+}
+
+// The temporary folder redirected to a scratch folder where a test can plant links.
+class LogPlaceTest : public LogWriterTest {
+protected:
+    void SetUp() override {
+        haveTmp_ = GetEnvironmentVariableA("TMP", savedTmp_, sizeof savedTmp_) != 0;
+        char process[MAX_PATH] = {};
+        K32GetModuleBaseNameA(GetCurrentProcess(), nullptr, process, sizeof process);
+        processName_ = process;
+    }
+    void TearDown() override {
+        SetEnvironmentVariableA("TMP", haveTmp_ ? savedTmp_ : nullptr);
+        Utils::reopenDayFile();
+        LogWriterTest::TearDown();
+    }
+    // Prepares linked-temp (as TMP) and elsewhere/kept.txt with the script, then logs a line:
+    // whether it reached the day's file.
+    bool lineWrittenAfter(const std::string& script) {
+        HostResult host = runHost("rm -rf linked-temp elsewhere && mkdir -p linked-temp elsewhere/" + processName_ +
+                                  " && echo kept > elsewhere/kept.txt && cd linked-temp && " + script);
+        EXPECT_EQ(0, host.exitCode) << host.output;
+        SetEnvironmentVariableA("TMP", (windowsPath(workDir() + "/linked-temp") + "\\").c_str());
+        Utils::reopenDayFile();
+        SetLastError(ERROR_MORE_DATA);
+        Utils::logError("placed line");
+        EXPECT_EQ(static_cast<DWORD>(ERROR_MORE_DATA), GetLastError()) << "the caller goes on untouched";
+        EXPECT_EQ("kept\n", runHost("cat elsewhere/kept.txt; find elsewhere -name '*.LOG'").output) << script;
+        return readProviderLog().find("ERROR ::=>placed line\n") != std::string::npos;
+    }
+
+    std::string processName_;
+    char savedTmp_[MAX_PATH] = {};
+    bool haveTmp_ = false;
+};
+
+TEST_F(LogPlaceTest, FolderOrFileThatLeadsElsewhereGetsNoLine) {
+    std::string day = providerLogPath().substr(providerLogPath().rfind('/') + 1);
+    EXPECT_TRUE(lineWrittenAfter("true")) << "a place of its own is used";
+    EXPECT_FALSE(lineWrittenAfter("ln -s ../elsewhere Kestrelon"));
+    EXPECT_FALSE(lineWrittenAfter("mkdir Kestrelon && ln -s ../../elsewhere/" + processName_ + " Kestrelon/" +
+                                  processName_));
+    EXPECT_FALSE(lineWrittenAfter("mkdir -p Kestrelon/" + processName_ + " && ln ../elsewhere/kept.txt Kestrelon/" +
+                                  processName_ + "/" + day));
+}
+
+TEST(LogText, ControlCharactersInCallerNamesAreEscaped) {
+    EXPECT_EQ("00112233445566778899AABBCCDDEEFF", orvane::escapeControlCharacters("00112233445566778899AABBCCDDEEFF"));
+    EXPECT_EQ("C:\\key \xE9~", orvane::escapeControlCharacters("C:\\key \xE9~")) << "backslash and high bytes stay";
+    EXPECT_EQ("a\\r\\nb\\x09\\x00\\x1F\\x7F", orvane::escapeControlCharacters(std::string("a\r\nb\t\0\x1F\x7F", 8)));
+}
+
+TEST(LogText, OnlyTheUserSystemAndAdministratorsMayOwnTheLogsPlace) {
+    auto sid = [](const char* text) {
+        PSID value = nullptr;
+        EXPECT_TRUE(ConvertStringSidToSidA(text, &value)) << text;
+        return std::shared_ptr<void>(value, LocalFree);
+    };
+    auto user = sid("S-1-5-21-1-2-3-1001");
+    struct Case {
+        const char* owner;
+        bool trusted;
+    };
+    for (Case c : {Case{"S-1-5-21-1-2-3-1001", true}, Case{"S-1-5-18", true}, Case{"S-1-5-32-544", true},
+                   Case{"S-1-5-21-1-2-3-1002", false}, Case{"S-1-5-32-545", false}, Case{"S-1-1-0", false},
+                   Case{"S-1-5-11", false}, Case{"S-1-3-0", false}}) {
+        EXPECT_EQ(c.trusted, orvane::isTrustedLogOwner(sid(c.owner).get(), user.get())) << c.owner;
+    }
+    EXPECT_FALSE(orvane::isTrustedLogOwner(nullptr, user.get()));
+    EXPECT_FALSE(orvane::isTrustedLogOwner(user.get(), nullptr)) << "no user known: only SYSTEM and Administrators";
+    EXPECT_TRUE(orvane::isTrustedLogOwner(sid("S-1-5-18").get(), nullptr));
 }
 
 TEST(ContainerLookup, FindsTheTokenHoldingTheKeyAndFallsBackToTheFirst) {
