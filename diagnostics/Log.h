@@ -5,8 +5,9 @@
 //
 // Under a shared temporary folder (C:\Windows\Temp for services and for registration run as
 // SYSTEM) anyone may have made "Kestrelon" or the process's folder first. A folder or file that
-// is a reparse point, or whose owner is neither the writing user nor SYSTEM nor Administrators,
-// is refused and the line is lost; what the writer makes it makes with its own access list.
+// is a reparse point, a file with a second name (hard link), or either whose owner is neither
+// the writing user nor SYSTEM nor Administrators is refused and the line is lost; what the
+// writer makes it makes with its own access list.
 //
 // Some texts written here or shown to the user are misspelt on purpose: "Kidly" (the CSP's
 // clock-mismatch message), "Crete hash algorithm", "defaukt", "Emport", "Contest", "exhange"
