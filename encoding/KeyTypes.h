@@ -142,6 +142,20 @@ constexpr int32_t aesKeyTypeForLength(size_t length) {
     return length == 16 ? keyTypeRowFor(KeyFamily::kAes, 128)->code : keyTypeRowFor(KeyFamily::kAes, 256)->code;
 }
 
+// The signature a key pair type makes: the modulus for RSA, r and s side by side for EC; 0 otherwise.
+constexpr uint32_t signatureBytes(int32_t code) {
+    const KeyTypeRow* row = keyTypeRow(code);
+    if (row == nullptr) return 0;
+    return row->family == KeyFamily::kRsa ? row->bits / 8 : row->family == KeyFamily::kEc ? 2 * ((row->bits + 7) / 8) : 0;
+}
+constexpr uint32_t largestSignatureBytes() {
+    uint32_t largest = 0;
+    for (const KeyTypeRow& row : kKeyTypes)
+        if (signatureBytes(row.code) > largest) largest = signatureBytes(row.code);
+    return largest;
+}
+inline constexpr uint32_t kLargestSignatureBytes = largestSignatureBytes();
+
 // CPSignHash's answer to a size query, by the key type it chose.
 constexpr uint32_t cspSignatureSize(int64_t code) {
     const KeyTypeRow* row = code >= INT32_MIN && code <= INT32_MAX ? keyTypeRow(static_cast<int32_t>(code)) : nullptr;

@@ -1,13 +1,10 @@
 #include "token/KeyUnwrap.h"
 
-#include <windows.h>
-
-#include <cstring>
-
 #include "diagnostics/Log.h"
 #include "encoding/Hex.h"
 #include "token/Sessions.h"
 #include "token/KeyPairFacts.h"
+#include "token/SecretBytes.h"
 #include "token/SymmetricKeys.h"
 
 namespace orvane {
@@ -16,16 +13,6 @@ namespace {
 bool isKekCandidate(const OrvaneSymmetricKey& key) {
     return key.keyType == ORVANE_KEY_AES_128 || key.keyType == ORVANE_KEY_AES_256;
 }
-
-// The library's output, released whatever happens next.
-struct LibraryBuffer {
-    unsigned char* data = nullptr;
-    int length = 0;
-    ~LibraryBuffer() {
-        if (data != nullptr && length > 0) SecureZeroMemory(data, static_cast<size_t>(length));
-        delete[] data;
-    }
-};
 
 }  // namespace
 
@@ -42,16 +29,16 @@ UnwrappedKey unwrapAndStoreAesKey(const std::string& serial, void* libraryContex
                                   const std::function<int32_t(size_t unwrappedLength)>& keyTypeFor) {
     UnwrappedKey result;
     Utils::logMessage(texts.wrappedLengthPrefix + std::to_string(wrapped.size()));
-    std::vector<OrvaneSymmetricKey> candidates = orvane_getAesKeyList(serial.c_str(), libraryContext);
-    LibraryBuffer unwrapped;
+    // Our copy of the list holds every AES key of the token in clear.
+    const std::vector<OrvaneSymmetricKey>& listed = orvane_getAesKeyList(serial.c_str(), libraryContext);
+    const SecretVector<OrvaneSymmetricKey> candidates(listed.begin(), listed.end());
+    LibrarySecret unwrapped;
     const OrvaneSymmetricKey* kek = nullptr;
     for (const OrvaneSymmetricKey& candidate : candidates) {
         if (!isKekCandidate(candidate)) continue;
         int kekLength = candidate.keyDataLength;
         if (kekLength < 0 || kekLength > static_cast<int>(sizeof candidate.keyData)) continue;
-        delete[] unwrapped.data;
-        unwrapped.data = nullptr;
-        unwrapped.length = 0;
+        unwrapped.release();
         if (orvane_decrypt_aes(serial.c_str(), candidate.keyData, kekLength, wrapped.data(),
                                static_cast<int>(wrapped.size()), &unwrapped.data, &unwrapped.length, candidate.keyFlag,
                                nullptr, 0, libraryContext) == 0) {

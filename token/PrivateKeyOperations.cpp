@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "diagnostics/Log.h"
+#include "encoding/KeyTypes.h"
 #include "token/OrvaneDSCLibrary.h"
 #include "token/Pin.h"
 #include "token/Sessions.h"
@@ -12,9 +13,10 @@
 namespace orvane {
 namespace {
 
-// Larger than any signature the token makes (RSA-4096: 512 bytes), so a library that
-// ignores the length it was told still writes into memory of ours.
-const size_t kSignatureRoom = 1024;
+// Twice the largest signature the token makes, so a library that ignores the length it was
+// told still writes into memory of ours. A caller's longer buffer sizes nothing here: the
+// library is told at most this much.
+const size_t kSignatureRoom = 2 * size_t{kLargestSignatureBytes};
 
 // Once with the cached PIN, and once more after an expired sign-on when the call allows it.
 SignOnRetryOutcome runPrivateKeyOperation(const PrivateKeyCall& call,
@@ -31,10 +33,11 @@ SignOnRetryOutcome runPrivateKeyOperation(const PrivateKeyCall& call,
 
 PrivateKeyResult signWithTokenKey(const PrivateKeyCall& call, const std::vector<unsigned char>& digest, size_t capacity) {
     PrivateKeyResult outcome;
-    std::vector<unsigned char> buffer(std::max(capacity, kSignatureRoom));
+    std::vector<unsigned char> buffer(kSignatureRoom);
+    const size_t told = std::min(capacity, kSignatureRoom);
     int signatureLength = 0;
     SignOnRetryOutcome run = runPrivateKeyOperation(call, [&](const SecretBytes& pin) {
-            signatureLength = static_cast<int>(std::min<size_t>(capacity, 0x7FFFFFFF));
+            signatureLength = static_cast<int>(told);
             return orvane_signHash(call.serial.c_str(), call.keyId, pin.c_str(), digest.data(),
                                    static_cast<int>(digest.size()), buffer.data(), &signatureLength, call.tokenFlag,
                                    call.libraryContext);
@@ -42,7 +45,7 @@ PrivateKeyResult signWithTokenKey(const PrivateKeyCall& call, const std::vector<
     outcome.pinCheckFailed = run.pinCheckFailed;
     outcome.result = run.result;
     if (outcome.pinCheckFailed || outcome.result != 0) return outcome;
-    if (signatureLength < 0 || static_cast<size_t>(signatureLength) > capacity) {
+    if (signatureLength < 0 || static_cast<size_t>(signatureLength) > told) {
         outcome.result = kImpossibleLibraryAnswer;
         return outcome;
     }
@@ -53,18 +56,11 @@ PrivateKeyResult signWithTokenKey(const PrivateKeyCall& call, const std::vector<
 PrivateKeyResult decryptOnToken(const PrivateKeyCall& call, const std::vector<unsigned char>& cipher,
                                 const char* afterCallLogLine) {
     PrivateKeyResult outcome;
-    unsigned char* plain = nullptr;
-    int plainLength = 0;
-    auto release = [&] {
-        if (plain != nullptr && plainLength > 0) SecureZeroMemory(plain, static_cast<size_t>(plainLength));
-        delete[] plain;
-        plain = nullptr;
-        plainLength = 0;
-    };
+    LibrarySecret plain;
     SignOnRetryOutcome run = runPrivateKeyOperation(call, [&](const SecretBytes& pin) {
-            release();
+            plain.release();
             int result = orvane_decrypt(call.serial.c_str(), call.keyId, pin.c_str(), cipher.data(),
-                                        static_cast<int>(cipher.size()), &plain, &plainLength, call.tokenFlag,
+                                        static_cast<int>(cipher.size()), &plain.data, &plain.length, call.tokenFlag,
                                         call.libraryContext);
             if (afterCallLogLine != nullptr) Utils::logMessage(afterCallLogLine);
             return result;
@@ -72,12 +68,11 @@ PrivateKeyResult decryptOnToken(const PrivateKeyCall& call, const std::vector<un
     outcome.pinCheckFailed = run.pinCheckFailed;
     outcome.result = run.result;
     if (!outcome.pinCheckFailed && outcome.result == 0) {
-        if (plainLength < 0 || (plainLength > 0 && plain == nullptr))
+        if (plain.length < 0 || (plain.length > 0 && plain.data == nullptr))
             outcome.result = kImpossibleLibraryAnswer;
-        else if (plainLength > 0)
-            outcome.output.assign(plain, plain + plainLength);
+        else if (plain.length > 0)
+            outcome.output.assign(plain.data, plain.data + plain.length);
     }
-    release();
     return outcome;
 }
 

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "token/SecretBytes.h"
+
 namespace orvane {
 
 // Answer given when the library reports success with a length it cannot have produced.
@@ -15,7 +17,7 @@ const int kImpossibleLibraryAnswer = -1;
 struct PrivateKeyResult {
     bool pinCheckFailed = false;  // the renewed PIN check after an expired sign-on failed
     int result = 0;               // the library's final result, or kImpossibleLibraryAnswer
-    std::vector<unsigned char> output;
+    SecretBuffer output;  // a signature, or plaintext: wiped when released either way
 };
 
 struct PrivateKeyCall {
@@ -27,7 +29,8 @@ struct PrivateKeyCall {
     std::function<bool()> ensurePinValidated;
 };
 
-// orvane_signHash of a bare digest, the library told `capacity` as the signature length.
+// orvane_signHash of a bare digest, the library told `capacity` as the signature length, or
+// twice the token's largest signature when `capacity` is longer.
 PrivateKeyResult signWithTokenKey(const PrivateKeyCall& call, const std::vector<unsigned char>& digest, size_t capacity);
 
 // orvane_decrypt of big-endian ciphertext; afterCallLogLine (may be null) follows each call.

@@ -8,12 +8,13 @@
 #include <vector>
 
 #include "token/OrvaneDSCLibrary.h"
+#include "token/SecretBytes.h"
 
 namespace orvane {
 
 struct SymmetricDecryption {
     int result = 0;  // the library's result, or kImpossibleLibraryAnswer
-    std::vector<unsigned char> plain;
+    SecretBuffer plain;
 };
 
 // orvane_decryptSymetric into `capacity` bytes; an empty IV goes to the library as null.

@@ -43,7 +43,6 @@ BOOL decryptWithTokenKey(CspContext& context, CspKey& key, BYTE* pbData, DWORD* 
     }
     if (!plain.output.empty()) std::memcpy(pbData, plain.output.data(), plain.output.size());
     *pdwDataLen = static_cast<DWORD>(plain.output.size());
-    SecureZeroMemory(plain.output.data(), plain.output.size());
     return TRUE;
 }
 
@@ -58,10 +57,9 @@ BOOL decryptWithImportedKey(CspContext& context, CspKey& key, BYTE* pbData, DWOR
         Utils::logError("Symetric decryption failed : " + std::to_string(decrypted.result));
         return failWith(NTE_PROVIDER_DLL_FAIL);
     }
-    Utils::logMessage("CPDecrypt - decrypted data : " + toHex(decrypted.plain));
+    Utils::logMessage("CPDecrypt - decrypted data : " + toHex(decrypted.plain.data(), decrypted.plain.size()));
     if (!decrypted.plain.empty()) std::memcpy(pbData, decrypted.plain.data(), decrypted.plain.size());
     *pdwDataLen = static_cast<DWORD>(decrypted.plain.size());
-    SecureZeroMemory(decrypted.plain.data(), decrypted.plain.size());
     return TRUE;
 }
 

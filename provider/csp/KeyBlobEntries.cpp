@@ -22,6 +22,7 @@
 #include "token/KeySearch.h"
 #include "token/KeyUnwrap.h"
 #include "token/PrivateKeyOperations.h"
+#include "token/SecretBytes.h"
 #include "token/SymmetricKeys.h"
 
 using namespace orvane;
@@ -139,7 +140,6 @@ BOOL importSessionKey(CspContext& context, const blobs::BlobHeader& header, cons
     if (decrypted.output.size() > sizeof key->symmetricKey) return failWith(NTE_BAD_DATA);
     std::memcpy(key->symmetricKey, decrypted.output.data(), decrypted.output.size());
     key->symmetricKeyLength = static_cast<uint32_t>(decrypted.output.size());
-    SecureZeroMemory(decrypted.output.data(), decrypted.output.size());
     key->algId = static_cast<uint32_t>(keyType);
     Utils::logMessage("Output key id : " + keyIdName(key->pair.keyId));
     return handOut(std::move(key), phKey, "SIMPLEBLOB imported successfully (AES)");
@@ -152,17 +152,16 @@ BOOL importPlaintextKey(CspContext& context, const blobs::BlobHeader& header, co
         Utils::logError("Unsupported algorithm for PLAINTEXTKEYBLOB: " + std::to_string(header.algId));
         return failWith(NTE_BAD_ALGID);
     }
-    Bytes keyBytes = blobs::simpleBlobPayload(pbData, dwDataLen);
+    SecretBuffer keyBytes = takeSecret(blobs::simpleBlobPayload(pbData, dwDataLen));
     OrvaneSymmetricKey record{};
     if (keyBytes.size() > sizeof record.keyData) return failWith(NTE_BAD_DATA);
     int result = storeAesKey(context.serialNumber, context.libraryContext, keyBytes.data(), keyBytes.size(), keyType, record);
-    SecureZeroMemory(keyBytes.data(), keyBytes.size());
     if (result != 0) {
         Utils::logError("PLAINTEXTKEYBLOB import failed");
         return failWith(NTE_BAD_TYPE);
     }
     std::unique_ptr<CspKey> key = keyForStoredSecret(record, header.algId);
-    SecureZeroMemory(&record, sizeof record);
+    wipeSecret(&record, sizeof record);
     return handOut(std::move(key), phKey, "PLAINTEXTKEYBLOB imported successfully (AES)");
 }
 
@@ -176,7 +175,7 @@ BOOL importWrappedKey(CspContext& context, const blobs::BlobHeader& header, cons
     if (unwrapped.outcome == UnwrapOutcome::kNoKek) return failWith(NTE_BAD_KEY);
     if (unwrapped.outcome == UnwrapOutcome::kImportFailed) return failWith(NTE_BAD_TYPE);
     std::unique_ptr<CspKey> key = keyForStoredSecret(unwrapped.stored, header.algId);
-    SecureZeroMemory(&unwrapped.stored, sizeof unwrapped.stored);
+    wipeSecret(&unwrapped.stored, sizeof unwrapped.stored);
     return handOut(std::move(key), phKey, "SYMMETRICWRAPKEYBLOB imported successfully");
 }
 

@@ -1,7 +1,7 @@
 // orvane-check.exe run as an administrator runs it, against a software token provisioned here
 // with an RSA-2048 and a P-256 key pair and their certificates: the report for a healthy token,
 // for an unplugged one, a wrong PIN and token operations that fail, and --write. The PIN is
-// always given on the command line, so no dialog ever appears.
+// always given on standard input (--pin-stdin), so no dialog ever appears.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -23,6 +23,7 @@ namespace {
 
 const char kSerial[] = "CHECK-1";
 const char kPin[] = "1234";
+const char kPinLine[] = "1234\r\n";  // as a Windows console or file hands it over
 const int kRetries = 5;
 const DWORD kRunLimitMs = 120000;
 
@@ -68,12 +69,13 @@ bool starts(const std::string& line, const std::string& outcome) {
     return ::testing::AssertionFailure() << "not " << outcome << " " << text << ": " << line << "\n" << part;
 }
 
-// orvane-check.exe from the build with its report in a file; a run that outlasts the limit
-// (a dialog nobody answers) is ended and reported as exit code -1.
-CheckRun runCheck(const std::string& arguments) {
-    std::string reportFile = workDir() + "/report.txt";
+// orvane-check.exe from the build with its report in a file and `input` as its standard input;
+// a run that outlasts the limit (a dialog nobody answers) is ended and reported as exit code -1.
+CheckRun runCheck(const std::string& arguments, const std::string& input = "") {
+    std::string reportFile = workDir() + "/report.txt", inputFile = workDir() + "/check-input.txt";
+    writeText(inputFile, input);
     CheckRun run;
-    run.exitCode = finish(startProgram("orvane-check.exe", arguments, reportFile), kRunLimitMs);
+    run.exitCode = finish(startProgram("orvane-check.exe", arguments, reportFile, inputFile), kRunLimitMs);
     Bytes report = readFile(reportFile);
     run.output.assign(report.begin(), report.end());
     return run;
@@ -109,13 +111,19 @@ std::string OrvaneCheck::rsa_, OrvaneCheck::ec_;
 TEST_F(OrvaneCheck, AnswersHelpAndRefusesWhatItDoesNotKnow) {
     CheckRun help = runCheck("--help");
     EXPECT_EQ(0, help.exitCode);
-    EXPECT_NE(std::string::npos, help.output.find("usage: orvane-check [--pin PIN] [--write]")) << help.output;
+    EXPECT_NE(std::string::npos, help.output.find("usage: orvane-check [--pin-stdin | --ask-pin] [--write]"))
+        << help.output;
     EXPECT_EQ(2, runCheck("--pins 1234").exitCode);
-    EXPECT_EQ(2, runCheck("--pin").exitCode);
+    EXPECT_EQ(2, runCheck("--pin-stdin").exitCode) << "no PIN on standard input";
+    EXPECT_EQ(2, runCheck("--pin-stdin --ask-pin", "1234\n1234\n").exitCode);
+    // A PIN on the command line is refused, with how to give it instead.
+    CheckRun onCommandLine = runCheck(std::string("--pin ") + kPin);
+    EXPECT_EQ(2, onCommandLine.exitCode);
+    EXPECT_NE(std::string::npos, onCommandLine.output.find("--pin-stdin")) << onCommandLine.output;
 }
 
 TEST_F(OrvaneCheck, PassesForRsaAndEcKeysWithCertificates) {
-    CheckRun run = runCheck(std::string("--pin ") + kPin);
+    CheckRun run = runCheck("--pin-stdin", kPinLine);
     ASSERT_EQ(0, run.exitCode) << run.output;
     EXPECT_EQ(std::string::npos, run.output.find("FAIL")) << run.output;
     EXPECT_NE(std::string::npos, run.output.find(", 0 failed,")) << run.output;
@@ -154,7 +162,7 @@ TEST_F(OrvaneCheck, NeedsNoPinWhileTokenManagerHasSignedOn) {
 
 TEST_F(OrvaneCheck, ReportsAnUnpluggedTokenOnBothFaces) {
     ASSERT_EQ(0, admin::setPlugged(kSerial, false));
-    CheckRun run = runCheck(std::string("--pin ") + kPin);
+    CheckRun run = runCheck("--pin-stdin", kPinLine);
     EXPECT_EQ(1, run.exitCode) << run.output;
     EXPECT_TRUE(reports(run.section("CryptoAPI"), "CryptAcquireContext", "", "FAIL",
                         "0x80090023 NTE_TOKEN_KEYSET_STORAGE_FULL: "));
@@ -164,7 +172,7 @@ TEST_F(OrvaneCheck, ReportsAnUnpluggedTokenOnBothFaces) {
 }
 
 TEST_F(OrvaneCheck, TriesAWrongPinOnceAndSignsNothing) {
-    CheckRun run = runCheck("--pin 9999");
+    CheckRun run = runCheck("--ask-pin", "9999\n");  // not a console: the line is read as it is
     EXPECT_EQ(1, run.exitCode) << run.output;
     std::string csp = run.section("CryptoAPI"), ksp = run.section("Key storage provider");
     EXPECT_TRUE(reports(csp, "PIN (PP_SIGNATURE_PIN)", "", "FAIL", "0x8009001A NTE_KEYSET_ENTRY_BAD: "));
@@ -181,7 +189,7 @@ TEST_F(OrvaneCheck, TriesAWrongPinOnceAndSignsNothing) {
 TEST_F(OrvaneCheck, ReportsTokenOperationsThatFail) {
     // Faults armed here live in the token's store, so the tool's process meets them too.
     ASSERT_EQ(0, admin::injectFault("orvane_signHash", 100, 8));
-    CheckRun signing = runCheck(std::string("--pin ") + kPin);
+    CheckRun signing = runCheck("--pin-stdin", kPinLine);
     EXPECT_EQ(1, signing.exitCode) << signing.output;
     for (const std::string& key : {rsa_, ec_}) {
         EXPECT_TRUE(reports(signing.section("CryptoAPI"), "CryptSignHash", key, "FAIL", "0x8009001D NTE_PROVIDER_DLL_FAIL: "));
@@ -191,7 +199,7 @@ TEST_F(OrvaneCheck, ReportsTokenOperationsThatFail) {
 
     // The provider's own verification failing is told apart from a bad signature.
     ASSERT_EQ(0, admin::injectFault("orvane_verifySignatureHash", 100, 9));
-    CheckRun verifying = runCheck(std::string("--pin ") + kPin);
+    CheckRun verifying = runCheck("--pin-stdin", kPinLine);
     EXPECT_EQ(1, verifying.exitCode) << verifying.output;
     std::string csp = verifying.section("CryptoAPI"), ksp = verifying.section("Key storage provider");
     EXPECT_TRUE(reports(csp, "CryptVerifySignature (provider)", rsa_, "FAIL", "0x80090006 NTE_BAD_SIGNATURE: "));
@@ -202,7 +210,7 @@ TEST_F(OrvaneCheck, ReportsTokenOperationsThatFail) {
 
 TEST_F(OrvaneCheck, WriteMakesUsesAndDeletesATestKey) {
     std::vector<std::string> before = keyIdsOnToken();
-    CheckRun run = runCheck(std::string("--pin ") + kPin + " --write");
+    CheckRun run = runCheck("--pin-stdin --write", kPinLine);
     EXPECT_EQ(0, run.exitCode) << run.output;
     std::string ksp = run.section("Key storage provider");
     std::string made = lineOf(ksp, "KSPFinalizeKey (new RSA-2048 key)");
@@ -235,7 +243,7 @@ std::string OrvaneCheckPartlyServedKeys::exchange_, OrvaneCheckPartlyServedKeys:
     OrvaneCheckPartlyServedKeys::p384_;
 
 TEST_F(OrvaneCheckPartlyServedKeys, SkipsWhatTheProviderDoesNotOfferAndPassesTheRest) {
-    CheckRun run = runCheck(std::string("--pin ") + kPin);
+    CheckRun run = runCheck("--pin-stdin", kPinLine);
     EXPECT_EQ(0, run.exitCode) << run.output;
     std::string csp = run.section("CryptoAPI"), ksp = run.section("Key storage provider");
 
@@ -286,7 +294,7 @@ protected:
 std::string OrvaneCheckForeignCertificates::rsa_, OrvaneCheckForeignCertificates::ec_;
 
 TEST_F(OrvaneCheckForeignCertificates, ReportsThatTheSignaturesDoNotMatchThem) {
-    CheckRun run = runCheck(std::string("--pin ") + kPin);
+    CheckRun run = runCheck("--pin-stdin", kPinLine);
     EXPECT_EQ(1, run.exitCode) << run.output;
     std::string csp = run.section("CryptoAPI"), ksp = run.section("Key storage provider");
     for (const std::string& face : {csp, ksp}) {

@@ -2,6 +2,7 @@
 // that is signed on (no PIN dialog). Results are checked by OpenSSL on the host and by the
 // token library itself at the byte-order boundary.
 #include <windows.h>
+#include <psapi.h>
 #include <wincrypt.h>
 
 #include <gtest/gtest.h>
@@ -87,6 +88,24 @@ TEST_F(CspCryptoTest, SignaturesVerifyWithOpenSslAgainstTheKeyCertificate) {
         EXPECT_TRUE(failsWith(container.verify(c.algorithm, message, signature, key), NTE_BAD_SIGNATURE));
         CryptDestroyKey(key);
     }
+}
+
+// A caller's buffer length sizes nothing: told 4 GB, the provider asks the token for at most
+// twice the largest signature and the process does not grow by anything like it.
+TEST_F(CspCryptoTest, AFourGigabyteSignatureLengthSizesNoAllocation) {
+    ContextHandle container(rsa2048_.keyId);
+    HCRYPTHASH hash = container.hash(CALG_SHA_256, "a length nobody has");
+    BYTE signature[512];
+    DWORD size = 0xFFFFFFFF;
+    PROCESS_MEMORY_COUNTERS before{}, after{};
+    ASSERT_TRUE(K32GetProcessMemoryInfo(GetCurrentProcess(), &before, sizeof before));
+    EXPECT_TRUE(CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, signature, &size)) << std::hex << GetLastError();
+    ASSERT_TRUE(K32GetProcessMemoryInfo(GetCurrentProcess(), &after, sizeof after));
+    CryptDestroyHash(hash);
+    EXPECT_EQ(256u, size);
+    EXPECT_EQ(1024, admin::lastArguments("orvane_signHash")["signatureCapacity"]);
+    EXPECT_LT(after.PeakWorkingSetSize - before.PeakWorkingSetSize, SIZE_T{64} << 20);
+    EXPECT_LT(after.PeakPagefileUsage - before.PeakPagefileUsage, SIZE_T{64} << 20);
 }
 
 TEST_F(CspCryptoTest, DecryptsWhatOpenSslEncryptedAndTheTokenReadsWhatItEncrypts) {

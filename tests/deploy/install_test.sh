@@ -97,13 +97,13 @@ nothing_left() {
     expect "no product entry for $version" no_key "$uninstall_key\\$product"
     expect "no product entry for $next_version" no_key "$uninstall_key\\$next_product"
 }
-# orvane-check as installed, with the PIN given so that no dialog appears.
+# orvane-check as installed, with the PIN given on standard input so that no dialog appears.
 check_passes() {
     report=$work/check-$1.txt
-    wine "$check_tool" --pin 1234 >"$report" 2>&1
+    printf '1234\n' | wine "$check_tool" --pin-stdin >"$report" 2>&1
     status=$?
     tr -d '\r' <"$report" | sed 's/^/      /'
-    expect "orvane-check --pin exits 0 ($1)" [ "$status" -eq 0 ]
+    expect "orvane-check --pin-stdin exits 0 ($1)" [ "$status" -eq 0 ]
     expect "orvane-check reached container $key through the provider ($1)" grep -q "$key" "$report"
 }
 

@@ -117,20 +117,29 @@ int runCommand(const std::string& commandLine) {
     return finish(process.hProcess);
 }
 
-void* startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile) {
+void* startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile,
+                   const std::string& inputFile) {
     std::string command = "\"" + windowsPath(environment("ORVANE_BIN")) + "\\" + program + "\" " + arguments;
     SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
     HANDLE output = CreateFileA(windowsPath(outputFile).c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable,
                                 CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (output == INVALID_HANDLE_VALUE) return nullptr;
+    HANDLE input = inputFile.empty() ? INVALID_HANDLE_VALUE
+                                     : CreateFileA(windowsPath(inputFile).c_str(), GENERIC_READ, FILE_SHARE_READ,
+                                                   &inheritable, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (!inputFile.empty() && input == INVALID_HANDLE_VALUE) {
+        CloseHandle(output);
+        return nullptr;
+    }
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdInput = inputFile.empty() ? GetStdHandle(STD_INPUT_HANDLE) : input;
     startup.hStdOutput = startup.hStdError = output;
     PROCESS_INFORMATION process{};
     BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
     CloseHandle(output);
+    if (!inputFile.empty()) CloseHandle(input);
     if (!started) return nullptr;
     CloseHandle(process.hThread);
     return process.hProcess;

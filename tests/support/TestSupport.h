@@ -31,8 +31,10 @@ int runCommand(const std::string& commandLine);
 // Runs the provisioning tool as a separate Windows process and returns its exit code.
 int runTool(const std::string& arguments);
 // Starts a program of the build's bin folder as a separate process with its stdout and stderr
-// in outputFile (a Unix path). Returns the process handle (a HANDLE), null when it did not start.
-void* startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile);
+// in outputFile (a Unix path) and, when inputFile is given, its stdin read from that file.
+// Returns the process handle (a HANDLE), null when it did not start.
+void* startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile,
+                   const std::string& inputFile = "");
 // Waits for a process that startProgram started and closes it: its exit code, or -1 when it
 // outlasted the limit and was ended.
 int finish(void* process, unsigned long limitMs = 0xFFFFFFFF);

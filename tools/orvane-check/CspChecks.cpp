@@ -98,7 +98,8 @@ void givePin(Session& session, HCRYPTPROV provider) {
     Report& report = session.report;
     const char step[] = "PIN (PP_SIGNATURE_PIN)";
     if (!session.options.pinGiven) {
-        report.skip(step, "", "no --pin given: the provider asks for the PIN itself when a key is used");
+        report.skip(step, "",
+                    "no PIN given (--pin-stdin, --ask-pin): the provider asks for the PIN itself when a key is used");
         return;
     }
     // dwFlags stays 0: Wine's advapi32 never passes a call with bit 0 set on to the provider.

@@ -169,7 +169,8 @@ void givePin(Session& session, const KeyStorage& storage) {
     Report& report = session.report;
     const char step[] = "PIN (SmartCardPin property)";
     if (!session.options.pinGiven) {
-        report.skip(step, "", "no --pin given: the provider asks for the PIN itself when a key is used");
+        report.skip(step, "",
+                    "no PIN given (--pin-stdin, --ask-pin): the provider asks for the PIN itself when a key is used");
         return;
     }
     if (session.pin == PinState::kRefused) {

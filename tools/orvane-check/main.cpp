@@ -63,7 +63,7 @@ std::string checkRegistration(Report& report) {
 namespace {
 
 const char kUsage[] =
-    "usage: orvane-check [--pin PIN] [--write]\n"
+    "usage: orvane-check [--pin-stdin | --ask-pin] [--write]\n"
     "       orvane-check --help\n"
     "\n"
     "Checks \"Orvane Cryptographic Provider CSP\" on this machine with the token(s) plugged in: its\n"
@@ -71,11 +71,14 @@ const char kUsage[] =
     "the public key export and a SHA-256 signature, checked by the provider and by Windows' own\n"
     "cryptography; then the same for every key through the key storage provider's function table.\n"
     "\n"
-    "  --pin PIN   the token's user PIN, given up front so that no PIN dialog appears. A PIN the\n"
-    "              token refuses is not tried again (each try uses up one of its attempts).\n"
-    "  --write     also make an RSA-2048 test key on the token, sign with it and delete it again.\n"
-    "              Without it nothing is written to the token.\n"
-    "  --help      this text.\n"
+    "  --pin-stdin  read the token's user PIN from the first line of standard input, so that no\n"
+    "               PIN dialog appears. A PIN the token refuses is not tried again (each try uses\n"
+    "               up one of its attempts).\n"
+    "  --ask-pin    the same, typed at a prompt on the console without being shown.\n"
+    "  --write      also make an RSA-2048 test key on the token, sign with it and delete it again.\n"
+    "               Without it nothing is written to the token.\n"
+    "  --help       this text.\n"
+    "The PIN is never taken on the command line, where process listings and shell history keep it.\n"
     "\n"
     "One line per step: PASS, FAIL (with the error code and what it means) or SKIP (with the reason).\n"
     "Exit code: 0 when no step failed, 1 when one did, 2 for a command line it does not understand.\n";
@@ -83,6 +86,25 @@ const char kUsage[] =
 int usageError(const std::string& problem) {
     std::fprintf(stderr, "orvane-check: %s\n\n%s", problem.c_str(), kUsage);
     return 2;
+}
+
+// One line of standard input without its line end; false when there is none. On a console
+// the prompt goes to the error stream and the typed characters are not echoed.
+bool readPinLine(bool prompt, std::string& pin) {
+    HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+    DWORD mode = 0;
+    bool console = prompt && GetConsoleMode(input, &mode);
+    if (prompt) std::fprintf(stderr, "PIN: ");
+    if (console) SetConsoleMode(input, mode & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
+    pin.clear();
+    bool any = false;
+    for (int c = std::fgetc(stdin); c != EOF && c != '\n'; c = std::fgetc(stdin)) {
+        any = true;
+        if (c != '\r') pin.push_back(static_cast<char>(c));
+    }
+    if (console) SetConsoleMode(input, mode);
+    if (prompt) std::fprintf(stderr, "\n");
+    return any && !pin.empty();
 }
 
 }  // namespace
@@ -97,10 +119,13 @@ int main(int argc, char** argv) {
         }
         if (argument == "--write") {
             options.write = true;
-        } else if (argument == "--pin") {
-            if (i + 1 >= argc) return usageError("--pin needs the PIN after it");
+        } else if (argument == "--pin-stdin" || argument == "--ask-pin") {
+            if (options.pinGiven) return usageError("the PIN is read once: give --pin-stdin or --ask-pin, not both");
+            if (!readPinLine(argument == "--ask-pin", options.pin)) return usageError("no PIN on standard input");
             options.pinGiven = true;
-            options.pin = argv[++i];
+        } else if (argument == "--pin") {
+            return usageError("--pin is not taken: a PIN on the command line stays in process listings and shell "
+                              "history. Give it on standard input with --pin-stdin, or type it with --ask-pin");
         } else {
             return usageError("unknown argument \"" + argument + "\"");
         }
