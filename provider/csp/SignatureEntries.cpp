@@ -95,7 +95,7 @@ DWORD publicKeyForVerification(const CspContext& context, HCRYPTKEY hPubKey, Byt
         return 0;
     }
     Utils::logError("Key Handle Not Initialized or Public Key Length is zero");
-    Utils::logMessage("Container name : " + context.containerName);
+    Utils::logMessage("Container name : " + escapeControlCharacters(context.containerName));
     return containerPublicKey(context, publicKey);
 }
 
