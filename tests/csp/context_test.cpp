@@ -66,10 +66,8 @@ std::string folderWith(const std::string& name, const std::vector<std::pair<std:
 std::string probe(const std::string& host, const std::string& providerPath) {
     std::string output = workDir() + "/probe-output.txt";
     EXPECT_EQ(0, finish(startProgram(host, "\"" + providerPath + "\"", output), 60000));
-    std::string printed;
-    for (unsigned char c : readFile(output))
-        if (c != '\r') printed += static_cast<char>(c);
-    return printed;
+    Bytes printed = readFile(output);
+    return std::string(printed.begin(), printed.end());
 }
 
 TEST(TokenLibrary, IsLoadedOnlyFromTheProvidersFolder) {
