@@ -4,6 +4,7 @@
 #include "encoding/WideNames.h"
 #include "token/DeviceMonitor.h"
 #include "token/KeyPairFacts.h"
+#include "token/LibraryLoader.h"
 #include "token/OrvaneDSCLibrary.h"
 #include "token/Sessions.h"
 
@@ -32,6 +33,12 @@ bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& tex
 }
 
 bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& texts, std::vector<std::string>& serials) {
+    // Without the library beside the provider there is no token to reach.
+    if (!tokenLibraryAvailable()) {
+        serials.clear();
+        Utils::logError(texts.noToken);
+        return false;
+    }
     orvane_init(0, nullptr, 2);
     startDeviceMonitor();
     serials = orvane_getConnectedDeviceList(false, libraryContext);

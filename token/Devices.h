@@ -16,7 +16,8 @@ extern const DeviceInitTexts kCspDeviceInitTexts;
 extern const DeviceInitTexts kKspDeviceInitTexts;
 
 // orvane_init, the device monitor, then orvane_initDevice for each connected token not yet
-// initialised in this process. False (after the error line) when no token is connected.
+// initialised in this process. False (after the error line) when no token is connected or
+// the token library cannot be loaded; no library call is made before this one.
 bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& texts);
 // The same, handing back the serials it read (the KSP keeps the first), so no second list call is made.
 bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& texts, std::vector<std::string>& serials);

@@ -48,7 +48,7 @@ UnwrappedKey unwrapAndStoreAesKey(const std::string& serial, void* libraryContex
     }
     // A key that does not fit the token's record cannot be stored: no KEK gave a usable key.
     if (kek == nullptr || unwrapped.length <= 0 || unwrapped.data == nullptr ||
-        unwrapped.length > static_cast<int>(sizeof result.stored.keyData)) {
+        unwrapped.length > static_cast<int>(sizeof result.stored.value.keyData)) {
         Utils::logError(texts.noKek);
         result.outcome = UnwrapOutcome::kNoKek;
         return result;
@@ -56,7 +56,7 @@ UnwrappedKey unwrapAndStoreAesKey(const std::string& serial, void* libraryContex
     Utils::logMessage(texts.successPrefix + keyIdName(kek->keyId));
 
     if (storeAesKey(serial, libraryContext, unwrapped.data, static_cast<size_t>(unwrapped.length),
-                    keyTypeFor(static_cast<size_t>(unwrapped.length)), result.stored) != 0) {
+                    keyTypeFor(static_cast<size_t>(unwrapped.length)), result.stored.value) != 0) {
         Utils::logError(texts.importFailed);
         result.outcome = UnwrapOutcome::kImportFailed;
         return result;

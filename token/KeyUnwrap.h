@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "token/OrvaneDSCLibrary.h"
+#include "token/SecretBytes.h"
 
 namespace orvane {
 
@@ -25,7 +26,7 @@ enum class UnwrapOutcome { kStored, kNoKek, kImportFailed };
 
 struct UnwrappedKey {
     UnwrapOutcome outcome = UnwrapOutcome::kNoKek;
-    OrvaneSymmetricKey stored{};  // the record the token filled in, when stored
+    SecretRecord<OrvaneSymmetricKey> stored;  // the record the token filled in, when stored
 };
 
 // keyTypeFor maps the unwrapped key's length to the token key type to store it as.

@@ -74,6 +74,17 @@ struct LibrarySecret {
     }
 };
 
+// A fixed-size record with key bytes in it (a key record the token library filled in): each
+// copy is wiped when it goes.
+template <class T>
+struct SecretRecord {
+    T value{};
+    SecretRecord() = default;
+    SecretRecord(const SecretRecord&) = default;
+    SecretRecord& operator=(const SecretRecord&) = default;
+    ~SecretRecord() { wipeSecret(&value, sizeof value); }
+};
+
 // PIN text, always NUL-terminated. A copy is a holder of its own and wipes too; a move hands
 // the memory over.
 class SecretBytes {

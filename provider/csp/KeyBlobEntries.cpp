@@ -153,15 +153,15 @@ BOOL importPlaintextKey(CspContext& context, const blobs::BlobHeader& header, co
         return failWith(NTE_BAD_ALGID);
     }
     SecretBuffer keyBytes = takeSecret(blobs::simpleBlobPayload(pbData, dwDataLen));
-    OrvaneSymmetricKey record{};
-    if (keyBytes.size() > sizeof record.keyData) return failWith(NTE_BAD_DATA);
-    int result = storeAesKey(context.serialNumber, context.libraryContext, keyBytes.data(), keyBytes.size(), keyType, record);
+    SecretRecord<OrvaneSymmetricKey> record;
+    if (keyBytes.size() > sizeof record.value.keyData) return failWith(NTE_BAD_DATA);
+    int result =
+        storeAesKey(context.serialNumber, context.libraryContext, keyBytes.data(), keyBytes.size(), keyType, record.value);
     if (result != 0) {
         Utils::logError("PLAINTEXTKEYBLOB import failed");
         return failWith(NTE_BAD_TYPE);
     }
-    std::unique_ptr<CspKey> key = keyForStoredSecret(record, header.algId);
-    wipeSecret(&record, sizeof record);
+    std::unique_ptr<CspKey> key = keyForStoredSecret(record.value, header.algId);
     return handOut(std::move(key), phKey, "PLAINTEXTKEYBLOB imported successfully (AES)");
 }
 
@@ -174,8 +174,7 @@ BOOL importWrappedKey(CspContext& context, const blobs::BlobHeader& header, cons
                              kCspUnwrapTexts, [keyType](size_t) { return keyType; });
     if (unwrapped.outcome == UnwrapOutcome::kNoKek) return failWith(NTE_BAD_KEY);
     if (unwrapped.outcome == UnwrapOutcome::kImportFailed) return failWith(NTE_BAD_TYPE);
-    std::unique_ptr<CspKey> key = keyForStoredSecret(unwrapped.stored, header.algId);
-    wipeSecret(&unwrapped.stored, sizeof unwrapped.stored);
+    std::unique_ptr<CspKey> key = keyForStoredSecret(unwrapped.stored.value, header.algId);
     return handOut(std::move(key), phKey, "SYMMETRICWRAPKEYBLOB imported successfully");
 }
 

@@ -76,9 +76,7 @@ SECURITY_STATUS decryptWithImportedKey(KspProvider& provider, KspKey& key, const
     // A null or short buffer learns the length only after the whole decryption.
     if (pbOutput == nullptr || cbOutput < length) Utils::logMessage("pbOutput == NULL ");
     else Utils::logMessage("KSP: Symmetric decrypt success, length: " + std::to_string(length));
-    SECURITY_STATUS status = copyPropertyValue(decrypted.plain.data(), length, pbOutput, cbOutput, pcbResult);
-    SecureZeroMemory(decrypted.plain.data(), decrypted.plain.size());
-    return status;
+    return copyPropertyValue(decrypted.plain.data(), length, pbOutput, cbOutput, pcbResult);
 }
 
 SECURITY_STATUS decryptWithTokenKey(KspProvider& provider, KspKey& key, const BYTE* pbInput, DWORD cbInput,
@@ -93,7 +91,6 @@ SECURITY_STATUS decryptWithTokenKey(KspProvider& provider, KspKey& key, const BY
     }
     SECURITY_STATUS status =
         copyPropertyValue(plain.output.data(), static_cast<DWORD>(plain.output.size()), pbOutput, cbOutput, pcbResult);
-    SecureZeroMemory(plain.output.data(), plain.output.size());
     if (status == ERROR_SUCCESS) Utils::logMessage("KSP: Decrypt success");
     return status;
 }

@@ -21,6 +21,7 @@
 #include "token/KeySearch.h"
 #include "token/KeyUnwrap.h"
 #include "token/PrivateKeyOperations.h"
+#include "token/SecretBytes.h"
 #include "token/SymmetricKeys.h"
 
 namespace orvane::ksp {
@@ -104,20 +105,18 @@ SECURITY_STATUS importCapiPublicBlob(const BYTE* pbData, DWORD cbData, NCRYPT_KE
 }
 
 SECURITY_STATUS importKeyData(KspProvider& provider, const BYTE* pbData, DWORD cbData, NCRYPT_KEY_HANDLE* phKey) {
-    Bytes value;
-    cng::BlobRefusal refusal = cng::parseKeyDataBlob(pbData, cbData, value);
+    Bytes parsed;
+    cng::BlobRefusal refusal = cng::parseKeyDataBlob(pbData, cbData, parsed);
+    SecretBuffer value = takeSecret(std::move(parsed));
     if (refusal == cng::BlobRefusal::kBadData) return NTE_BAD_DATA;
     if (refusal == cng::BlobRefusal::kUnsupportedSize) {
         Utils::logError("KSP: Unsupported key size for BCRYPT_KEY_DATA_BLOB: " + std::to_string(value.size()));
-        SecureZeroMemory(value.data(), value.size());
         return NTE_NOT_SUPPORTED;
     }
-    OrvaneSymmetricKey record{};
+    SecretRecord<OrvaneSymmetricKey> record;
     int result = storeAesKey(provider.serialNumber, provider.libraryContext, value.data(), value.size(),
-                             symmetricKeyTypeForLength(value.size()), record);
-    SecureZeroMemory(value.data(), value.size());
-    NewKey key = result == 0 ? keyOfStoredSecret(record) : nullptr;
-    SecureZeroMemory(&record, sizeof record);
+                             symmetricKeyTypeForLength(value.size()), record.value);
+    NewKey key = result == 0 ? keyOfStoredSecret(record.value) : nullptr;
     if (result != 0) {
         Utils::logError("KSP: BCRYPT_KEY_DATA_BLOB import failed");
         return NTE_BAD_TYPE;
@@ -133,8 +132,7 @@ SECURITY_STATUS importWrappedKey(KspProvider& provider, const BYTE* pbData, DWOR
                              kKspUnwrapTexts, aesKeyTypeForLength);
     if (unwrapped.outcome == UnwrapOutcome::kNoKek) return NTE_BAD_KEY;
     if (unwrapped.outcome == UnwrapOutcome::kImportFailed) return NTE_BAD_TYPE;
-    NewKey key = keyOfStoredSecret(unwrapped.stored);
-    SecureZeroMemory(&unwrapped.stored, sizeof unwrapped.stored);
+    NewKey key = keyOfStoredSecret(unwrapped.stored.value);
     SECURITY_STATUS status = handOut(std::move(key), phKey);
     Utils::logMessage("KSP: BCRYPT_OPAQUE_KEY_BLOB imported successfully");
     return status;
@@ -153,14 +151,12 @@ SECURITY_STATUS importEncryptedKey(KspProvider& provider, const KspKey& importKe
     }
     int32_t type = symmetricKeyTypeForLength(plain.output.size());
     if (type == 0) {
-        SecureZeroMemory(plain.output.data(), plain.output.size());
         Utils::logError("KSP: Unsupported decrypted key length: " + std::to_string(plain.output.size()));
         return NTE_NOT_SUPPORTED;
     }
     NewKey key = newKey();
     std::memcpy(key->symmetricKey, plain.output.data(), plain.output.size());
     key->symmetricKeyLength = static_cast<uint32_t>(plain.output.size());
-    SecureZeroMemory(plain.output.data(), plain.output.size());
     key->pair.keyIdLength = kKeyIdLength;
     key->pair.keyType = type;
     SECURITY_STATUS status = handOut(std::move(key), phKey);

@@ -5,6 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
 #include "softtoken/SoftTokenAdmin.h"
@@ -45,6 +50,54 @@ TEST(CspAcquireContext, WithoutATokenFailsAndLogsWhy) {
     std::string written = logSince(before);
     EXPECT_NE(std::string::npos, written.find("->DEBUG ::=>CPAcquireContext\n"));
     EXPECT_NE(std::string::npos, written.find("->ERROR ::=>Valid token not connected\n")) << written;
+}
+
+// A fresh folder under the work folder holding copies of files (Windows paths) under new names.
+std::string folderWith(const std::string& name, const std::vector<std::pair<std::string, std::string>>& copies) {
+    std::string folder = workDir() + "/" + name;
+    CreateDirectoryA(windowsPath(folder).c_str(), nullptr);
+    for (const auto& copy : copies)
+        EXPECT_TRUE(CopyFileA(copy.first.c_str(), (windowsPath(folder) + "\\" + copy.second).c_str(), FALSE))
+            << copy.first;
+    return folder;
+}
+
+// Runs the probe host (a Windows path) on the provider at providerPath; what it printed.
+std::string probe(const std::string& host, const std::string& providerPath) {
+    std::string output = workDir() + "/probe-output.txt";
+    EXPECT_EQ(0, finish(startProgram(host, "\"" + providerPath + "\"", output), 60000));
+    std::string printed;
+    for (unsigned char c : readFile(output))
+        if (c != '\r') printed += static_cast<char>(c);
+    return printed;
+}
+
+TEST(TokenLibrary, IsLoadedOnlyFromTheProvidersFolder) {
+    freshToken("BESIDE-1");
+    const std::string bin = windowsPath(std::getenv("ORVANE_BIN"));
+
+    // A host in a folder where someone planted a library under the token library's name.
+    std::string host = folderWith("planted", {{bin + "\\orvane-library-probe.exe", "probe.exe"},
+                                              {bin + "\\orvane-planted-library.dll", "OrvaneDSCLibrary.dll"}});
+    std::string printed = probe(windowsPath(host) + "\\probe.exe", bin + "\\OrvaneCSP.dll");
+    EXPECT_NE(std::string::npos, printed.find("acquire 1 00000000\nopen 00000000\n")) << printed;
+    EXPECT_NE(std::string::npos, printed.find("library " + bin + "\\OrvaneDSCLibrary.dll\n")) << printed;
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesA(windowsPath(host + "/OrvaneDSCLibrary.dll.loaded").c_str()));
+
+    // The provider alone in a folder: the library in the host's folder (bin) is not taken
+    // either, and both faces answer as without a token, in their log too.
+    std::string alone = folderWith("alone", {{bin + "\\OrvaneCSP.dll", "OrvaneCSP.dll"}});
+    std::string probeLog = providerLogPath();
+    probeLog.replace(probeLog.find("csp_context_test.exe"), 20, "orvane-library-probe.exe");
+    std::ifstream before(probeLog, std::ios::binary);
+    std::string logBefore((std::istreambuf_iterator<char>(before)), std::istreambuf_iterator<char>());
+    printed = probe("orvane-library-probe.exe", windowsPath(alone) + "\\OrvaneCSP.dll");
+    EXPECT_NE(std::string::npos, printed.find("acquire 0 80090023\nopen 80090035\nlibrary none\n")) << printed;
+    std::ifstream after(probeLog, std::ios::binary);
+    std::string logAfter((std::istreambuf_iterator<char>(after)), std::istreambuf_iterator<char>());
+    std::string written = logAfter.substr(std::min(logBefore.size(), logAfter.size()));
+    EXPECT_NE(std::string::npos, written.find("->ERROR ::=>Valid token not connected\n")) << written;
+    EXPECT_NE(std::string::npos, written.find("->ERROR ::=>KSP: No valid token connected\n")) << written;
 }
 
 TEST(CspAcquireContext, ChoosesTheTokenThatHoldsTheContainer) {

@@ -119,7 +119,9 @@ int runCommand(const std::string& commandLine) {
 
 void* startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile,
                    const std::string& inputFile) {
-    std::string command = "\"" + windowsPath(environment("ORVANE_BIN")) + "\\" + program + "\" " + arguments;
+    std::string path = program.find('\\') == std::string::npos ? windowsPath(environment("ORVANE_BIN")) + "\\" + program
+                                                               : program;
+    std::string command = "\"" + path + "\" " + arguments;
     SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
     HANDLE output = CreateFileA(windowsPath(outputFile).c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable,
                                 CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);

@@ -30,7 +30,7 @@ HostResult runHost(const std::string& script);
 int runCommand(const std::string& commandLine);
 // Runs the provisioning tool as a separate Windows process and returns its exit code.
 int runTool(const std::string& arguments);
-// Starts a program of the build's bin folder as a separate process with its stdout and stderr
+// Starts a program of the build's bin folder (or a Windows path to one elsewhere) as a separate process with its stdout and stderr
 // in outputFile (a Unix path) and, when inputFile is given, its stdin read from that file.
 // Returns the process handle (a HANDLE), null when it did not start.
 void* startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile,

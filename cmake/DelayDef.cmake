@@ -1,0 +1,18 @@
+# Writes a module-definition file listing the exported names of a built DLL (cmake -P):
+#   -DOBJDUMP=<objdump> -DDLL=<built dll> -DNAME=<dll file name> -DOUT=<def file>
+execute_process(COMMAND ${OBJDUMP} -p ${DLL} OUTPUT_VARIABLE dump RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "objdump failed on ${DLL}")
+endif()
+string(FIND "${dump}" "[Ordinal/Name Pointer] Table" start)
+if(start LESS 0)
+  message(FATAL_ERROR "${DLL} has no export table")
+endif()
+string(SUBSTRING "${dump}" ${start} -1 dump)
+string(REGEX MATCHALL "\\[ *[0-9]+\\] [^\r\n]+" entries "${dump}")
+set(def "LIBRARY ${NAME}\nEXPORTS\n")
+foreach(entry IN LISTS entries)
+  string(REGEX REPLACE "^\\[ *[0-9]+\\] " "" exportName "${entry}")
+  string(APPEND def "  ${exportName}\n")
+endforeach()
+file(WRITE ${OUT} "${def}")
