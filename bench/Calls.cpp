@@ -48,10 +48,20 @@ LogLevel::LogLevel() {
 
 LogLevel::~LogLevel() { RegCloseKey(key_); }
 
-void LogLevel::set(DWORD level) {
+double LogLevel::set(DWORD level) {
     check(RegSetValueExA(key_, "logLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&level), sizeof level) ==
               ERROR_SUCCESS,
           "setting logLevel");
+    double start = nowMicros();
+    if (probe_ == 0) return 0;
+    for (;;) {
+        long long before = providerLogSize();
+        char name[128];
+        DWORD size = sizeof name;
+        CryptGetProvParam(probe_, PP_NAME, reinterpret_cast<BYTE*>(name), &size, 0);
+        if ((providerLogSize() != before) == (level == 3)) return (nowMicros() - start) / 1000;
+        if (nowMicros() - start > 5e6) die("the provider following logLevel " + std::to_string(level) + " within 5 s", 0);
+    }
 }
 
 // Size of the provider's log file of this process today, to confirm that level 3 writes and level 0 does not.

@@ -23,15 +23,20 @@ void check(bool ok, const std::string& what);
 bool parseHex(const std::string& text, unsigned char* out, size_t size);
 std::string toHex(const unsigned char* data, size_t size);
 
-// The provider's log level, set between timed calls (never inside one).
+// The provider's log level, set between timed calls (never inside one). The provider learns of
+// a change a moment after it: with a probe context, set() returns only once a provider call on
+// it follows the new level (3: its line is written; otherwise not), and answers how long that
+// took in milliseconds, the last probe call included.
 class LogLevel {
 public:
     LogLevel();
     ~LogLevel();
-    void set(DWORD level);
+    void probeWith(HCRYPTPROV context) { probe_ = context; }
+    double set(DWORD level);
 
 private:
     HKEY key_ = nullptr;
+    HCRYPTPROV probe_ = 0;
 };
 
 // Size of the provider's log file of this process today.

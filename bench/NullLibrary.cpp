@@ -63,27 +63,28 @@ int orvane_validatePassword(const char*, const char*, int, int* remainingAttempt
     return 0;
 }
 
-// The lists belong to the library until the next call on the same thread.
+// The lists belong to the library until the next call on the same thread. Held through plain
+// pointers: a MinGW thread_local with a destructor, in a DLL, can outlive its storage.
 std::vector<OrvaneKeyPair>& orvane_getKeyPairList(const char*, void*) {
-    thread_local std::vector<OrvaneKeyPair> list;
+    thread_local std::vector<OrvaneKeyPair>* list = new std::vector<OrvaneKeyPair>;
     int count = keyPairCount;
-    if (static_cast<int>(list.size()) != count) {
-        list.clear();
-        for (int i = 0; i < count; ++i) list.push_back(keyPair(i));
+    if (static_cast<int>(list->size()) != count) {
+        list->clear();
+        for (int i = 0; i < count; ++i) list->push_back(keyPair(i));
     }
-    return list;
+    return *list;
 }
 
 std::vector<OrvaneCertificate>& orvane_getCertificateList(const char*, void*) {
-    thread_local std::vector<OrvaneCertificate> none;
-    none.clear();
-    return none;
+    thread_local std::vector<OrvaneCertificate>* none = new std::vector<OrvaneCertificate>;
+    none->clear();
+    return *none;
 }
 
 std::vector<OrvaneSymmetricKey>& orvane_getAesKeyList(const char*, void*) {
-    thread_local std::vector<OrvaneSymmetricKey> none;
-    none.clear();
-    return none;
+    thread_local std::vector<OrvaneSymmetricKey>* none = new std::vector<OrvaneSymmetricKey>;
+    none->clear();
+    return *none;
 }
 
 int orvane_getCertificateDetails(const unsigned char*, int, CertificateDetails&, void*) { return 1; }

@@ -86,6 +86,7 @@ void signingPhase(const TokenKey& rsa, const TokenKey& ec, int rounds, LogLevel&
     logLevel.set(0);
     HCRYPTPROV heldRsa = acquireOrvane(rsa.containerName.c_str());
     check(heldRsa != 0, "CryptAcquireContext on the RSA container");
+    logLevel.probeWith(heldRsa);
     HCRYPTPROV heldEc = acquireOrvane(ec.containerName.c_str());
     check(heldEc != 0, "CryptAcquireContext on the P-256 container");
     HCRYPTPROV rsaenh = openRsaenh();
@@ -209,6 +210,7 @@ struct ThreadFigures {
 };
 
 void runThreads(std::vector<std::function<bool()>>& workers, double seconds, ThreadFigures& figures) {
+    figures = ThreadFigures();
     std::atomic<int> ready{0};
     std::atomic<bool> go{false}, failed{false};
     std::vector<std::vector<double>> latencies(workers.size());
@@ -268,11 +270,17 @@ void threadsPhase(const TokenKey& rsa, int repetitions) {
                                sinks[static_cast<size_t>(i)]);
             });
         }
+        // Pooled figures per way, and each repetition's own for the paired ratios.
         std::vector<ThreadFigures> figures(4);
+        std::vector<std::vector<ThreadFigures>> each(4, std::vector<ThreadFigures>(static_cast<size_t>(repetitions)));
         for (int repetition = 0; repetition < repetitions; ++repetition)
             for (size_t step = 0; step < ways.size(); ++step) {
                 size_t way = (static_cast<size_t>(repetition) + step) % ways.size();
-                runThreads(ways[way], kSeconds, figures[way]);
+                ThreadFigures& run = each[way][static_cast<size_t>(repetition)];
+                runThreads(ways[way], kSeconds, run);
+                figures[way].signatures += run.signatures;
+                figures[way].seconds += run.seconds;
+                figures[way].latencies.insert(figures[way].latencies.end(), run.latencies.begin(), run.latencies.end());
             }
         auto throughput = [](const ThreadFigures& f) { return f.signatures / f.seconds; };
         for (size_t way = 0; way < ways.size(); ++way) {
@@ -282,9 +290,14 @@ void threadsPhase(const TokenKey& rsa, int repetitions) {
             r.p99Micros = percentile(figures[way].latencies, 99);
             char text[96];
             if (way % 2 == 1) {
-                const ThreadFigures& direct = figures[way - 1];
-                double throughputRatio = throughput(figures[way]) / throughput(direct);
-                double p99Ratio = r.p99Micros / percentile(direct.latencies, 99);
+                std::vector<double> throughputRatios, p99Ratios;
+                for (int repetition = 0; repetition < repetitions; ++repetition) {
+                    const ThreadFigures& ours = each[way][static_cast<size_t>(repetition)];
+                    const ThreadFigures& direct = each[way - 1][static_cast<size_t>(repetition)];
+                    throughputRatios.push_back(throughput(ours) / throughput(direct));
+                    p99Ratios.push_back(percentile(ours.latencies, 99) / percentile(direct.latencies, 99));
+                }
+                double throughputRatio = median(throughputRatios), p99Ratio = median(p99Ratios);
                 r.ratio = throughputRatio;
                 std::snprintf(text, sizeof text, "%.1f/s; throughput / library, p99 / library %.3f",
                               throughput(figures[way]), p99Ratio);
@@ -307,7 +320,9 @@ void threadsPhase(const TokenKey& rsa, int repetitions) {
             ksps[i].table->FreeProvider(ksps[i].provider);
         }
     }
-    printTable("Threads signing at once (RSA-2048, each with its own handles; latency per signature)", rows);
+    printTable("Threads signing at once (RSA-2048, each with its own handles; latency per signature; ratios are "
+               "medians over repetitions)",
+               rows);
 }
 
 // ---- Phase 3: a store update beside eight signers --------------------------------------------
@@ -526,7 +541,7 @@ int main(int argc, char** argv) {
     std::printf("wineserver round trip now: %.1f \xC2\xB5s (about 5-15 on a busy machine, up to about 100 when an idle "
                 "core must wake)\n", roundTrip);
     signingPhase(rsa, ec, rounds, logLevel);
-    threadsPhase(rsa, std::max(2, rounds / 60));
+    threadsPhase(rsa, std::max(3, rounds / 40));
     storeUpdatePhase(rsa, std::max(20, rounds / 2));
     keyCountPhase(rsa, std::max(10, rounds / 4), logLevel);
     logLevel.set(3);  // the prefix's default again
