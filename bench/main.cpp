@@ -24,8 +24,8 @@
 #include <thread>
 #include <vector>
 
+#include "bench/Calls.h"
 #include "bench/Stats.h"
-#include "provider/ksp/KspInterface.h"
 #include "softtoken/SoftTokenAdmin.h"
 #include "token/OrvaneDSCLibrary.h"
 
@@ -33,170 +33,10 @@ using namespace orvanebench;
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-
-const char kProviderName[] = "Orvane Cryptographic Provider CSP";
-const wchar_t kProviderNameW[] = L"Orvane Cryptographic Provider CSP";
-const DWORD kProviderType = PROV_RSA_FULL;
 const size_t kDataSize = 1024;
 
-[[noreturn]] void die(const std::string& what, unsigned long code) {
-    std::fprintf(stderr, "orvane-bench: %s failed (0x%08lX)\n", what.c_str(), code);
-    std::exit(1);
-}
-
-void check(bool ok, const std::string& what) {
-    if (!ok) die(what, GetLastError());
-}
-
-bool parseHex(const std::string& text, unsigned char* out, size_t size) {
-    if (text.size() != 2 * size) return false;
-    for (size_t i = 0; i < size; ++i) {
-        unsigned value = 0;
-        if (std::sscanf(text.c_str() + 2 * i, "%2x", &value) != 1) return false;
-        out[i] = static_cast<unsigned char>(value);
-    }
-    return true;
-}
-
-std::string toHex(const unsigned char* data, size_t size) {
-    static const char digits[] = "0123456789ABCDEF";
-    std::string text;
-    for (size_t i = 0; i < size; ++i) {
-        text += digits[data[i] >> 4];
-        text += digits[data[i] & 15];
-    }
-    return text;
-}
-
-bool sameName(const std::string& a, const std::string& b) { return _stricmp(a.c_str(), b.c_str()) == 0; }
-
-// The provider's log level, set between variants (never inside a timed call).
-class LogLevel {
-public:
-    LogLevel() {
-        check(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "Software\\Kestrelon\\Orvane", 0, nullptr, 0, KEY_SET_VALUE, nullptr,
-                              &key_, nullptr) == ERROR_SUCCESS,
-              "opening HKLM\\Software\\Kestrelon\\Orvane");
-    }
-    ~LogLevel() { RegCloseKey(key_); }
-    void set(DWORD level) {
-        check(RegSetValueExA(key_, "logLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&level), sizeof level) ==
-                  ERROR_SUCCESS,
-              "setting logLevel");
-    }
-
-private:
-    HKEY key_ = nullptr;
-};
-
-// Size of the provider's log file of this process today, to confirm that level 3 writes and level 0 does not.
-long long providerLogSize() {
-    char temp[MAX_PATH], process[MAX_PATH];
-    GetTempPathA(sizeof temp, temp);
-    K32GetModuleBaseNameA(GetCurrentProcess(), nullptr, process, sizeof process);
-    SYSTEMTIME today;
-    GetLocalTime(&today);
-    char path[2 * MAX_PATH + 64];
-    std::snprintf(path, sizeof path, "%s/Kestrelon/%s/%04d-%02d-%02d.LOG", temp, process, today.wYear, today.wMonth,
-                  today.wDay);
-    WIN32_FILE_ATTRIBUTE_DATA attributes;
-    if (!GetFileAttributesExA(path, GetFileExInfoStandard, &attributes)) return 0;
-    return (static_cast<long long>(attributes.nFileSizeHigh) << 32) | attributes.nFileSizeLow;
-}
-
-// ---- The token library, called as the provider calls it -------------------------------------
-
-struct TokenKey {
-    std::string serial;
-    std::string containerName;  // hex key id, as CryptoAPI names the container
-    unsigned char keyId[16] = {};
-    bool ecdsa = false;
-};
-
-// What CPCreateHash, CPHashData and CPSignHash ask of the library for one hash+sign on a
-// container-bound context whose token is signed on (so the PIN check reads the token info).
-bool libraryHashAndSign(const TokenKey& key, const Bytes& data, Bytes& signature) {
-    void* hash = nullptr;
-    if (orvane_initHash(key.serial.c_str(), ORVANE_MECH_SHA256, &hash, nullptr) != 0) return false;
-    if (orvane_updateHash(hash, data.data(), static_cast<int>(data.size()), nullptr) != 0) return false;
-    unsigned char digest[128];
-    int digestLength = sizeof digest;
-    if (orvane_finalHash(hash, digest, &digestLength, nullptr) != 0) return false;
-    std::vector<OrvaneKeyPair> keyPairs = orvane_getKeyPairList(key.serial.c_str(), nullptr);
-    const OrvaneKeyPair* chosen = nullptr;
-    for (const OrvaneKeyPair& keyPair : keyPairs)
-        if (sameName(toHex(keyPair.keyId, sizeof keyPair.keyId), key.containerName) && (keyPair.keyUsage & 1)) {
-            chosen = &keyPair;
-            break;
-        }
-    if (chosen == nullptr) return false;
-    TokenInfo info = orvane_getTokenInfo(key.serial.c_str(), nullptr);
-    if (info.label.empty() || info.loginState != 1 || info.ssoState != 1) return false;
-    signature.resize(1024);
-    int signatureLength = static_cast<int>(signature.size());
-    if (orvane_signHash(key.serial.c_str(), chosen->keyId, "", digest, digestLength, signature.data(), &signatureLength,
-                        false, nullptr) != 0)
-        return false;
-    signature.resize(static_cast<size_t>(signatureLength));
-    return true;
-}
-
-// The three calls around the signature, one at a time.
-bool libraryHashOnly(const TokenKey& key, const Bytes& data) {
-    void* hash = nullptr;
-    unsigned char digest[128];
-    int digestLength = sizeof digest;
-    return orvane_initHash(key.serial.c_str(), ORVANE_MECH_SHA256, &hash, nullptr) == 0 &&
-           orvane_updateHash(hash, data.data(), static_cast<int>(data.size()), nullptr) == 0 &&
-           orvane_finalHash(hash, digest, &digestLength, nullptr) == 0;
-}
-
-bool libraryKeyPairList(const TokenKey& key) { return !orvane_getKeyPairList(key.serial.c_str(), nullptr).empty(); }
-
-bool libraryTokenInfo(const TokenKey& key) { return !orvane_getTokenInfo(key.serial.c_str(), nullptr).label.empty(); }
-
-bool librarySign(const TokenKey& key, const Bytes& digest, Bytes& signature) {
-    signature.resize(1024);
-    int signatureLength = static_cast<int>(signature.size());
-    if (orvane_signHash(key.serial.c_str(), key.keyId, "", digest.data(), static_cast<int>(digest.size()),
-                        signature.data(), &signatureLength, false, nullptr) != 0)
-        return false;
-    signature.resize(static_cast<size_t>(signatureLength));
-    return true;
-}
-
-// ---- CryptoAPI -------------------------------------------------------------------------------
-
-bool cryptoApiHashAndSign(HCRYPTPROV provider, const Bytes& data, Bytes& signature) {
-    HCRYPTHASH hash = 0;
-    if (!CryptCreateHash(provider, CALG_SHA_256, 0, 0, &hash)) return false;
-    signature.resize(1024);
-    DWORD length = static_cast<DWORD>(signature.size());
-    bool ok = CryptHashData(hash, data.data(), static_cast<DWORD>(data.size()), 0) &&
-              CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, signature.data(), &length);
-    DWORD error = GetLastError();
-    CryptDestroyHash(hash);
-    SetLastError(error);
-    if (ok) signature.resize(length);
-    return ok;
-}
-
-HCRYPTPROV acquireOrvane(const char* container, DWORD flags = 0) {
-    HCRYPTPROV provider = 0;
-    if (!CryptAcquireContextA(&provider, container, kProviderName, kProviderType, flags)) return 0;
-    return provider;
-}
-
-bool cryptoApiAcquireSignRelease(const TokenKey& key, const Bytes& data, Bytes& signature) {
-    HCRYPTPROV provider = acquireOrvane(key.containerName.c_str());
-    if (provider == 0) return false;
-    bool ok = cryptoApiHashAndSign(provider, data, signature);
-    DWORD error = GetLastError();
-    CryptReleaseContext(provider, 0);
-    SetLastError(error);
-    return ok;
-}
+// Every figure the issue sets a target for, gathered by the phases for the closing table.
+std::vector<Target> targets;
 
 // Wine's own provider with a 2048-bit signature key it generated in memory.
 HCRYPTPROV openRsaenh() {
@@ -208,51 +48,6 @@ HCRYPTPROV openRsaenh() {
         return provider;
     }
     die("rsaenh context with a generated RSA-2048 key", GetLastError());
-}
-
-// ---- The key storage provider's table --------------------------------------------------------
-
-struct Ksp {
-    NCRYPT_KEY_STORAGE_FUNCTION_TABLE* table = nullptr;
-    NCRYPT_PROV_HANDLE provider = 0;
-};
-
-Ksp openKsp() {
-    Ksp ksp;
-    HMODULE module = LoadLibraryA("OrvaneCSP.dll");
-    using GetInterface = NTSTATUS(WINAPI*)(LPCWSTR, NCRYPT_KEY_STORAGE_FUNCTION_TABLE**, DWORD);
-    auto getInterface = module ? reinterpret_cast<GetInterface>(
-                                     reinterpret_cast<void*>(GetProcAddress(module, "GetKeyStorageInterface")))
-                               : nullptr;
-    if (getInterface == nullptr || getInterface(kProviderNameW, &ksp.table, 0) != 0)
-        die("GetKeyStorageInterface", GetLastError());
-    if (SECURITY_STATUS status = ksp.table->OpenProvider(&ksp.provider, kProviderNameW, 0))
-        die("KSPOpenProvider", static_cast<unsigned long>(status));
-    return ksp;
-}
-
-NCRYPT_KEY_HANDLE openKspKey(const Ksp& ksp, const TokenKey& key) {
-    NCRYPT_KEY_HANDLE handle = 0;
-    std::wstring name(key.containerName.begin(), key.containerName.end());
-    if (SECURITY_STATUS status = ksp.table->OpenKey(ksp.provider, &handle, name.c_str(), 0, 0))
-        die("KSPOpenKey " + key.containerName, static_cast<unsigned long>(status));
-    return handle;
-}
-
-bool kspSign(const Ksp& ksp, NCRYPT_KEY_HANDLE handle, bool ecdsa, const Bytes& digest, Bytes& signature) {
-    BCRYPT_PKCS1_PADDING_INFO padding = {BCRYPT_SHA256_ALGORITHM};
-    signature.resize(1024);
-    DWORD size = 0;
-    SECURITY_STATUS status = ksp.table->SignHash(ksp.provider, handle, ecdsa ? nullptr : &padding,
-                                                 const_cast<PBYTE>(digest.data()), static_cast<DWORD>(digest.size()),
-                                                 signature.data(), static_cast<DWORD>(signature.size()), &size,
-                                                 ecdsa ? 0 : BCRYPT_PAD_PKCS1);
-    if (status != 0) {
-        SetLastError(static_cast<DWORD>(status));
-        return false;
-    }
-    signature.resize(size);
-    return true;
 }
 
 // ---- libgcrypt, the floor --------------------------------------------------------------------
@@ -279,63 +74,6 @@ bool gcryptSign(gcry_sexp_t secret, bool ecdsa, const Bytes& digest) {
     return !error;
 }
 
-// ---- Rounds ----------------------------------------------------------------------------------
-
-struct Variant {
-    std::string name;
-    std::function<bool()> run;
-    std::function<void()> before;  // untimed set-up, e.g. the log level
-    std::function<void()> after;
-    std::vector<double> samples;
-};
-
-// Every round runs each variant once; the starting variant moves on each round.
-void runRounds(std::vector<Variant>& variants, int rounds) {
-    for (Variant& variant : variants) variant.samples.reserve(static_cast<size_t>(rounds));
-    size_t count = variants.size();
-    for (int round = 0; round < rounds; ++round) {
-        for (size_t step = 0; step < count; ++step) {
-            Variant& variant = variants[(static_cast<size_t>(round) + step) % count];
-            if (variant.before) variant.before();
-            double start = nowMicros();
-            bool ok = variant.run();
-            double elapsed = nowMicros() - start;
-            if (!ok) die(variant.name + " (round " + std::to_string(round) + ")", GetLastError());
-            if (variant.after) variant.after();
-            variant.samples.push_back(elapsed);
-        }
-    }
-}
-
-Variant* find(std::vector<Variant>& variants, const std::string& name) {
-    for (Variant& variant : variants)
-        if (variant.name == name) return &variant;
-    die("no variant " + name, 0);
-}
-
-Row row(std::vector<Variant>& variants, const std::string& name, const std::string& display,
-        const std::string& numerator = "", const std::string& denominator = "", const std::string& ratioOf = "") {
-    Variant* self = find(variants, name);
-    Row result;
-    result.variant = display;
-    result.medianMicros = median(self->samples);
-    result.p99Micros = percentile(self->samples, 99);
-    if (!denominator.empty()) {
-        result.ratio = pairedRatio(find(variants, numerator.empty() ? name : numerator)->samples,
-                                   find(variants, denominator)->samples);
-        result.ratioOf = ratioOf;
-    }
-    return result;
-}
-
-TokenKey tokenKey(const std::string& serial, const std::string& keyIdHex, bool ecdsa) {
-    TokenKey key;
-    key.serial = serial;
-    key.containerName = keyIdHex;
-    key.ecdsa = ecdsa;
-    if (!parseHex(keyIdHex, key.keyId, sizeof key.keyId)) die("key id " + keyIdHex + " is not 32 hex digits", 0);
-    return key;
-}
 
 // ---- Phase 1: a signature, every way -------------------------------------------------------
 
@@ -348,6 +86,7 @@ void signingPhase(const TokenKey& rsa, const TokenKey& ec, int rounds, LogLevel&
     logLevel.set(0);
     HCRYPTPROV heldRsa = acquireOrvane(rsa.containerName.c_str());
     check(heldRsa != 0, "CryptAcquireContext on the RSA container");
+    logLevel.probeWith(heldRsa);
     HCRYPTPROV heldEc = acquireOrvane(ec.containerName.c_str());
     check(heldEc != 0, "CryptAcquireContext on the P-256 container");
     HCRYPTPROV rsaenh = openRsaenh();
@@ -381,6 +120,7 @@ void signingPhase(const TokenKey& rsa, const TokenKey& ec, int rounds, LogLevel&
         v.push_back({tag + "acquire", [&, key] { return cryptoApiAcquireSignRelease(*key, data, sink); }, {}, {}, {}});
         v.push_back({tag + "ksp", [&, key, kspKey] { return kspSign(ksp, kspKey, key->ecdsa, digest, sink); }, {}, {}, {}});
         v.push_back({tag + "libsign", [&, key] { return librarySign(*key, digest, sink); }, {}, {}, {}});
+        v.push_back({tag + "libinfosign", [&, key] { return libraryInfoAndSign(*key, digest, sink); }, {}, {}, {}});
         v.push_back({tag + "gcrypt", [&, key, gcryKey] { return gcryptSign(gcryKey, key->ecdsa, digest); }, {}, {}, {}});
     }
     v.push_back({"rsa rsaenh", [&] { return cryptoApiHashAndSign(rsaenh, data, sink); }, {}, {}, {}});
@@ -423,7 +163,8 @@ void signingPhase(const TokenKey& rsa, const TokenKey& ec, int rounds, LogLevel&
             row(v, t + "capi0", "CryptoAPI held context, log 0", "", t + "library", "provider overhead: / library calls"),
             row(v, t + "capi3", "CryptoAPI held context, log 3", "", t + "capi0", "/ log 0"),
             row(v, t + "acquire", "CryptoAPI acquire+sign+release", "", t + "capi0", "/ held context"),
-            row(v, t + "ksp", "KSP SignHash, held key (digest given)", "", t + "libsign", "/ orvane_signHash alone"),
+            row(v, t + "libinfosign", "library calls direct (token info+sign, as the KSP)"),
+            row(v, t + "ksp", "KSP SignHash, held key (digest given)", "", t + "libinfosign", "provider overhead: / library calls"),
             row(v, t + "libsign", "orvane_signHash alone (digest given)", "", t + "gcrypt", "token sign / libgcrypt"),
             row(calls, t + "libhash", "orvane_initHash+updateHash+finalHash (1 KiB)"),
         };
@@ -437,6 +178,16 @@ void signingPhase(const TokenKey& rsa, const TokenKey& ec, int rounds, LogLevel&
         }
         printTable(title, rows);
     }
+    targets.push_back({"CryptoAPI hash+sign, held context / library calls direct (RSA)",
+                       pairedRatio(find(v, "rsa capi0")->samples, find(v, "rsa library")->samples), 1.03, "x"});
+    targets.push_back({"KSP sign, held key / library calls direct (RSA)",
+                       pairedRatio(find(v, "rsa ksp")->samples, find(v, "rsa libinfosign")->samples), 1.03, "x"});
+    targets.push_back({"CryptoAPI hash+sign, held context / Wine rsaenh (RSA-2048)",
+                       pairedRatio(find(v, "rsa capi0")->samples, find(v, "rsa rsaenh")->samples), 1.5, "x"});
+    targets.push_back({"CryptoAPI hash+sign at log 3 / log 0 (RSA)",
+                       pairedRatio(find(v, "rsa capi3")->samples, find(v, "rsa capi0")->samples), 1.10, "x"});
+    targets.push_back({"token sign / libgcrypt (RSA)",
+                       pairedRatio(find(v, "rsa libsign")->samples, find(v, "rsa gcrypt")->samples), 1.10, "x"});
 
     gcry_sexp_release(gcryRsa);
     gcry_sexp_release(gcryEc);
@@ -448,7 +199,133 @@ void signingPhase(const TokenKey& rsa, const TokenKey& ec, int rounds, LogLevel&
     // in a process that already uses it.
 }
 
-// ---- Phase 2: a store update beside eight signers --------------------------------------------
+// ---- Phase 2: threads signing at once -------------------------------------------------------
+
+// Throughput and per-signature latency of `threads` threads, each running its own worker
+// (with its own held handles) for about `seconds`.
+struct ThreadFigures {
+    double signatures = 0;
+    double seconds = 0;
+    std::vector<double> latencies;
+};
+
+void runThreads(std::vector<std::function<bool()>>& workers, double seconds, ThreadFigures& figures) {
+    figures = ThreadFigures();
+    std::atomic<int> ready{0};
+    std::atomic<bool> go{false}, failed{false};
+    std::vector<std::vector<double>> latencies(workers.size());
+    std::vector<std::thread> threads;
+    double deadline = 0;
+    for (size_t i = 0; i < workers.size(); ++i)
+        threads.emplace_back([&, i] {
+            ++ready;
+            while (!go) Sleep(0);
+            while (nowMicros() < deadline) {
+                double start = nowMicros();
+                if (!workers[i]()) failed = true;
+                latencies[i].push_back(nowMicros() - start);
+            }
+        });
+    while (ready != static_cast<int>(workers.size())) Sleep(0);
+    double start = nowMicros();
+    deadline = start + seconds * 1e6;
+    go = true;
+    for (std::thread& thread : threads) thread.join();
+    if (failed) die("a signing thread", GetLastError());
+    figures.seconds += (nowMicros() - start) / 1e6;
+    for (const std::vector<double>& own : latencies) {
+        figures.signatures += static_cast<double>(own.size());
+        figures.latencies.insert(figures.latencies.end(), own.begin(), own.end());
+    }
+}
+
+void threadsPhase(const TokenKey& rsa, int repetitions) {
+    const int kCounts[] = {1, 2, 4, 8};
+    const double kSeconds = 0.5;
+    Bytes data(kDataSize, 0x33), digest(32, 0x5A);
+    std::vector<Row> rows;
+    std::printf("\nThread rounds: %d per count, %.1f s each, every way in turn...\n", repetitions, kSeconds);
+    std::fflush(stdout);
+    for (int count : kCounts) {
+        // Handles are not shared between threads: each has its own context, provider and key.
+        std::vector<HCRYPTPROV> contexts;
+        std::vector<Ksp> ksps;
+        std::vector<NCRYPT_KEY_HANDLE> keys;
+        std::vector<Bytes> sinks(static_cast<size_t>(count));
+        for (int i = 0; i < count; ++i) {
+            contexts.push_back(acquireOrvane(rsa.containerName.c_str()));
+            check(contexts.back() != 0, "CryptAcquireContext for a signing thread");
+            ksps.push_back(openKsp());
+            keys.push_back(openKspKey(ksps.back(), rsa));
+        }
+        const char* names[] = {"library (as the CSP)", "CryptoAPI held context", "library (as the KSP)",
+                               "KSP held key"};
+        std::vector<std::vector<std::function<bool()>>> ways(4);
+        for (int i = 0; i < count; ++i) {
+            ways[0].push_back([&, i] { return libraryHashAndSign(rsa, data, sinks[static_cast<size_t>(i)]); });
+            ways[1].push_back([&, i] { return cryptoApiHashAndSign(contexts[static_cast<size_t>(i)], data, sinks[static_cast<size_t>(i)]); });
+            ways[2].push_back([&, i] { return libraryInfoAndSign(rsa, digest, sinks[static_cast<size_t>(i)]); });
+            ways[3].push_back([&, i] {
+                return kspSign(ksps[static_cast<size_t>(i)], keys[static_cast<size_t>(i)], false, digest,
+                               sinks[static_cast<size_t>(i)]);
+            });
+        }
+        // Pooled figures per way, and each repetition's own for the paired ratios.
+        std::vector<ThreadFigures> figures(4);
+        std::vector<std::vector<ThreadFigures>> each(4, std::vector<ThreadFigures>(static_cast<size_t>(repetitions)));
+        for (int repetition = 0; repetition < repetitions; ++repetition)
+            for (size_t step = 0; step < ways.size(); ++step) {
+                size_t way = (static_cast<size_t>(repetition) + step) % ways.size();
+                ThreadFigures& run = each[way][static_cast<size_t>(repetition)];
+                runThreads(ways[way], kSeconds, run);
+                figures[way].signatures += run.signatures;
+                figures[way].seconds += run.seconds;
+                figures[way].latencies.insert(figures[way].latencies.end(), run.latencies.begin(), run.latencies.end());
+            }
+        auto throughput = [](const ThreadFigures& f) { return f.signatures / f.seconds; };
+        for (size_t way = 0; way < ways.size(); ++way) {
+            Row r;
+            r.variant = std::to_string(count) + (count == 1 ? " thread, " : " threads, ") + names[way];
+            r.medianMicros = median(figures[way].latencies);
+            r.p99Micros = percentile(figures[way].latencies, 99);
+            char text[96];
+            if (way % 2 == 1) {
+                std::vector<double> throughputRatios, p99Ratios;
+                for (int repetition = 0; repetition < repetitions; ++repetition) {
+                    const ThreadFigures& ours = each[way][static_cast<size_t>(repetition)];
+                    const ThreadFigures& direct = each[way - 1][static_cast<size_t>(repetition)];
+                    throughputRatios.push_back(throughput(ours) / throughput(direct));
+                    p99Ratios.push_back(percentile(ours.latencies, 99) / percentile(direct.latencies, 99));
+                }
+                double throughputRatio = median(throughputRatios), p99Ratio = median(p99Ratios);
+                r.ratio = throughputRatio;
+                std::snprintf(text, sizeof text, "%.1f/s; throughput / library, p99 / library %.3f",
+                              throughput(figures[way]), p99Ratio);
+                if (count == 8) {
+                    std::string face = way == 1 ? "CryptoAPI" : "KSP";
+                    targets.push_back({"8 threads, " + face + " held: throughput / library direct", throughputRatio,
+                                       0.95, "x", true});
+                    targets.push_back({"8 threads, " + face + " held: p99 latency / library direct", p99Ratio, 1.10,
+                                       "x"});
+                }
+            } else {
+                std::snprintf(text, sizeof text, "%.1f/s", throughput(figures[way]));
+            }
+            r.ratioOf = text;
+            rows.push_back(r);
+        }
+        for (size_t i = 0; i < contexts.size(); ++i) {
+            CryptReleaseContext(contexts[i], 0);
+            ksps[i].table->FreeKey(ksps[i].provider, keys[i]);
+            ksps[i].table->FreeProvider(ksps[i].provider);
+        }
+    }
+    printTable("Threads signing at once (RSA-2048, each with its own handles; latency per signature; ratios are "
+               "medians over repetitions)",
+               rows);
+}
+
+// ---- Phase 3: a store update beside eight signers --------------------------------------------
 
 void storeUpdatePhase(const TokenKey& rsa, int rounds) {
     const int kThreads = 8;
@@ -506,7 +383,7 @@ void storeUpdatePhase(const TokenKey& rsa, int rounds) {
     if (failures != 0) std::printf("NOTE: signatures failed while the store was updated\n");
 }
 
-// ---- Phase 3: contexts as the token holds more key pairs -------------------------------------
+// ---- Phase 4: contexts as the token holds more key pairs -------------------------------------
 
 bool enumerateContainers(HCRYPTPROV provider, size_t& names) {
     names = 0;
@@ -660,9 +537,24 @@ int main(int argc, char** argv) {
     TokenKey ec = tokenKey(argv[1], argv[3], true);
     LogLevel logLevel;
 
+    double roundTrip = serverRoundTripMicros();
+    std::printf("wineserver round trip now: %.1f \xC2\xB5s (about 5-15 on a busy machine, up to about 100 when an idle "
+                "core must wake)\n", roundTrip);
     signingPhase(rsa, ec, rounds, logLevel);
+    threadsPhase(rsa, std::max(3, rounds / 40));
     storeUpdatePhase(rsa, std::max(20, rounds / 2));
     keyCountPhase(rsa, std::max(10, rounds / 4), logLevel);
     logLevel.set(3);  // the prefix's default again
+
+    // The provider's own figures come from orvane-bench-null, run before this program.
+    if (const char* file = std::getenv("ORVANE_BENCH_NULL_FIGURES")) {
+        std::vector<Target> own = readTargets(file);
+        if (own.empty()) std::printf("NOTE: no figures from the null library run in %s\n", file);
+        targets.insert(targets.end(), own.begin(), own.end());
+    }
+    double roundTripAfter = serverRoundTripMicros();
+    printTargets("Targets (wineserver round trip " + formatMicros(roundTrip) + " before, " + formatMicros(roundTripAfter) +
+                     " after the runs)",
+                 targets);
     return 0;
 }

@@ -5,6 +5,7 @@
 #include <psapi.h>
 #include <sddl.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -39,18 +40,107 @@ LONG readLogLevel(HKEY key, const char* subKey, DWORD& level) {
     return status;
 }
 
+// The level as the watcher last read it: kLevelRead with the value in the low 32 bits, 0 when
+// logLevel is missing or unreadable, kLevelUnknown before the first line.
+const uint64_t kLevelUnknown = ~0ull;
+const uint64_t kLevelRead = 1ull << 32;
+std::atomic<uint64_t> publishedLevel{kLevelUnknown};
+// Set from DllMain's process detach: under the loader lock no thread may be started.
+std::atomic<bool> moduleDetaching{false};
+std::mutex watcherStartMutex;
+// How often the watcher reads the value when the notification cannot be set up.
+const DWORD kUnwatchedPollMilliseconds = 20;
+
+uint64_t readLevelNow() {
+    DWORD value = 0;
+    return readLogLevel(HKEY_LOCAL_MACHINE, kSettingsKey, value) == ERROR_SUCCESS ? kLevelRead | value : 0;
+}
+
+// The registry keys whose change notifications tell the watcher that logLevel may have changed.
+struct LevelWatch {
+    HKEY watched[2] = {nullptr, nullptr};
+    HANDLE changed = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+
+    void closeKeys() {
+        for (HKEY& key : watched) {
+            if (key) RegCloseKey(key);
+            key = nullptr;
+        }
+    }
+
+    // Arms the notifications before the value is read, so that no change is missed.
+    bool arm() {
+        closeKeys();
+        if (changed == nullptr) return false;
+        ResetEvent(changed);  // closing a watched key signals it
+        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kSoftwareKey, 0, KEY_NOTIFY, &watched[0]) != ERROR_SUCCESS)
+            watched[0] = nullptr;
+        if (watched[0] == nullptr ||
+            RegNotifyChangeKeyValue(watched[0], FALSE, REG_NOTIFY_CHANGE_NAME, changed, TRUE) != ERROR_SUCCESS) {
+            closeKeys();
+            return false;
+        }
+        LONG opened = RegOpenKeyExA(HKEY_LOCAL_MACHINE, kParentKey, 0, KEY_NOTIFY, &watched[1]);
+        if (opened != ERROR_SUCCESS) watched[1] = nullptr;
+        if (opened == ERROR_FILE_NOT_FOUND) return true;  // its creation signals the first watch
+        if (opened != ERROR_SUCCESS ||
+            RegNotifyChangeKeyValue(watched[1], TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, changed,
+                                    TRUE) != ERROR_SUCCESS) {
+            closeKeys();
+            return false;
+        }
+        return true;
+    }
+};
+
+// Reads logLevel whenever the registry says it may have changed, so that a line costs no
+// registry read and no wait. The notifications belong to this thread, which therefore never
+// ends; it holds a reference on the module, so the module is never unloaded under it.
+DWORD WINAPI watchLevel(void*) {
+    LevelWatch watch;
+    for (;;) {
+        bool armed = watch.arm();
+        publishedLevel.store(readLevelNow(), std::memory_order_release);
+        if (watch.changed == nullptr)
+            Sleep(kUnwatchedPollMilliseconds);
+        else
+            WaitForSingleObject(watch.changed, armed ? INFINITE : kUnwatchedPollMilliseconds);
+    }
+}
+
+// The first line reads the level itself and starts the watcher; until a watcher runs, every
+// line reads the registry.
+uint64_t startWatchingLevel() {
+    if (moduleDetaching.load()) return readLevelNow();
+    std::lock_guard<std::mutex> guard(watcherStartMutex);
+    uint64_t level = publishedLevel.load(std::memory_order_acquire);
+    if (level != kLevelUnknown) return level;
+    level = readLevelNow();
+    HMODULE self = nullptr;
+    if (!GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCSTR>(&watchLevel), &self))
+        return level;
+    // Published before the thread runs, so that the thread's own (later) reading wins.
+    publishedLevel.store(level, std::memory_order_release);
+    HANDLE thread = CreateThread(nullptr, 64 * 1024, watchLevel, nullptr, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+    if (thread == nullptr) {
+        publishedLevel.store(kLevelUnknown, std::memory_order_release);
+        FreeLibrary(self);
+        return level;
+    }
+    CloseHandle(thread);
+    return level;
+}
+
+// One atomic load per line once the watcher runs.
+uint64_t levelForLine() {
+    uint64_t level = publishedLevel.load(std::memory_order_acquire);
+    return level != kLevelUnknown ? level : startWatchingLevel();
+}
+
 // Everything a line needs that would be costly to find again for each line. Guarded by the
-// log mutex; the registry and the file are asked again only when they may have changed.
+// log mutex; the file is opened again only when the day changes or a write fails.
 struct LogState {
     std::mutex mutex;
-
-    // logLevel, re-read when a watched key signals a change (or on every line when the
-    // watch could not be set up).
-    HKEY watched[2] = {nullptr, nullptr};
-    HANDLE changed = nullptr;
-    bool levelKnown = false;
-    bool levelRead = false;
-    DWORD level = 0;
 
     bool haveProcessName = false;
     char processName[MAX_PATH] = {};
@@ -62,58 +152,14 @@ struct LogState {
 
     PSECURITY_DESCRIPTOR access = nullptr;  // kLogAccess, built on first use
 
-    void closeWatch() {
-        for (HKEY& key : watched) {
-            if (key) RegCloseKey(key);
-            key = nullptr;
-        }
-    }
     void closeFile() {
         if (file != INVALID_HANDLE_VALUE) CloseHandle(file);
         file = INVALID_HANDLE_VALUE;
     }
     void closeAll() {
-        closeWatch();
-        if (changed) CloseHandle(changed);
-        changed = nullptr;
         closeFile();
-        levelKnown = false;
         if (access) LocalFree(access);
         access = nullptr;
-    }
-
-    // Arms the notifications before the value is read, so that no change is missed.
-    bool armWatch() {
-        closeWatch();
-        if (changed == nullptr && (changed = CreateEventA(nullptr, FALSE, FALSE, nullptr)) == nullptr) return false;
-        ResetEvent(changed);  // closing a watched key signals it
-        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kSoftwareKey, 0, KEY_NOTIFY, &watched[0]) != ERROR_SUCCESS)
-            watched[0] = nullptr;
-        if (watched[0] == nullptr ||
-            RegNotifyChangeKeyValue(watched[0], FALSE, REG_NOTIFY_CHANGE_NAME, changed, TRUE) != ERROR_SUCCESS) {
-            closeWatch();
-            return false;
-        }
-        LONG opened = RegOpenKeyExA(HKEY_LOCAL_MACHINE, kParentKey, 0, KEY_NOTIFY, &watched[1]);
-        if (opened != ERROR_SUCCESS) watched[1] = nullptr;
-        if (opened == ERROR_FILE_NOT_FOUND) return true;  // its creation signals the first watch
-        if (opened != ERROR_SUCCESS ||
-            RegNotifyChangeKeyValue(watched[1], TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, changed,
-                                    TRUE) != ERROR_SUCCESS) {
-            closeWatch();
-            return false;
-        }
-        return true;
-    }
-
-    // True with the value of logLevel; false when it is missing or unreadable.
-    bool currentLevel(DWORD& value) {
-        if (!levelKnown || WaitForSingleObject(changed, 0) != WAIT_TIMEOUT) {
-            levelKnown = armWatch();
-            levelRead = readLogLevel(HKEY_LOCAL_MACHINE, kSettingsKey, level) == ERROR_SUCCESS;
-        }
-        value = level;
-        return levelRead;
     }
 
     ~LogState() {
@@ -273,14 +319,14 @@ bool writeAll(HANDLE file, const std::string& line) {
 // Logging runs inside every entry point and on the monitor thread: a failure to log
 // (no memory, no disk) is swallowed, never passed to the caller.
 // Entry points set their last error before logging at times, so a log line leaves the
-// thread's last error as it found it.
+// thread's last error as it found it. A line that is not written takes no lock.
 void Utils::logMessage(std::string message) {
     DWORD lastError = GetLastError();
     try {
-        LogState& state = logState();
-        std::lock_guard<std::mutex> guard(state.mutex);
-        DWORD level = 0;
-        if (state.currentLevel(level) && level == 3) appendLine(kDebug, message);
+        if (levelForLine() == (kLevelRead | 3)) {
+            std::lock_guard<std::mutex> guard(logState().mutex);
+            appendLine(kDebug, message);
+        }
     } catch (...) {
     }
     SetLastError(lastError);
@@ -289,14 +335,23 @@ void Utils::logMessage(std::string message) {
 void Utils::logError(std::string message) {
     DWORD lastError = GetLastError();
     try {
-        LogState& state = logState();
-        std::lock_guard<std::mutex> guard(state.mutex);
-        DWORD level = 0;
-        if (!state.currentLevel(level) || level >= 2) appendLine(kError, message);
+        uint64_t level = levelForLine();
+        if ((level & kLevelRead) == 0 || static_cast<DWORD>(level) >= 2) {
+            std::lock_guard<std::mutex> guard(logState().mutex);
+            appendLine(kError, message);
+        }
     } catch (...) {
     }
     SetLastError(lastError);
 }
+
+bool Utils::currentLevel(unsigned long& level) {
+    uint64_t known = levelForLine();
+    level = static_cast<DWORD>(known);
+    return (known & kLevelRead) != 0;
+}
+
+void Utils::beforeModuleUnload() { moduleDetaching.store(true); }
 
 void Utils::writeLine(int level, const std::string& message) {
     DWORD lastError = GetLastError();

@@ -1,7 +1,9 @@
 // The diagnostic log: one file per process and day under %TEMP%\Kestrelon\<process>\,
 // written at the level set by the registry value HKLM\Software\Kestrelon\Orvane\logLevel,
-// which is watched for changes so logging can be switched while a host runs. The day's file
-// stays open between lines.
+// so logging can be switched while a host runs. A thread started by the first line waits for
+// the registry's change notifications and reads the value again at each, so a change applies
+// to the lines after it within a moment and a line costs no registry read or wait. The day's
+// file stays open between lines.
 //
 // Under a shared temporary folder (C:\Windows\Temp for services and for registration run as
 // SYSTEM) anyone may have made "Kestrelon" or the process's folder first. A folder or file that
@@ -28,6 +30,12 @@ public:
     static void logError(std::string message);
     // Appends one line; never fails the caller and never throws.
     static void writeLine(int level, const std::string& message);
+
+    // The level lines are decided by now: false when logLevel is unset or unreadable.
+    static bool currentLevel(unsigned long& level);
+    // From DllMain's process detach: later lines read logLevel themselves, as no thread may
+    // be started under the loader lock.
+    static void beforeModuleUnload();
 
     // A day's file stops growing at this size: one last line says so, then nothing more that day.
     static constexpr std::uint64_t kDayFileLimit = 64ull * 1024 * 1024;

@@ -7,6 +7,7 @@
 // already gone); the ordinary unload below only happens if pinning failed.
 #include <windows.h>
 
+#include "diagnostics/Log.h"
 #include "token/DeviceMonitor.h"
 
 BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved) {
@@ -15,6 +16,7 @@ BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved) {
         GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
                            reinterpret_cast<LPCWSTR>(&DllMain), &self);
     } else if (reason == DLL_PROCESS_DETACH) {
+        Utils::beforeModuleUnload();
         if (reserved != nullptr)
             orvane::abandonDeviceMonitor();
         else

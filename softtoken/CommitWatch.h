@@ -48,6 +48,8 @@ public:
 
     // The count for folder; odd (so not trusted) when the section cannot be had.
     uint64_t read(const std::string& folder);
+    // Whether read(folder) needs nothing more than a look at the mapped count.
+    bool counts(const std::string& folder) const { return count_ != nullptr && folder == folder_; }
 
     // Writers only, under the writer lock. There an odd count can only be left by a writer that
     // died in a commit; making it even again lets readers trust their caches once more.

@@ -14,9 +14,10 @@
 namespace softtoken {
 namespace {
 
-// Last state read in this process, with the listing entry of the file it came from.
+// Last state read in this process, with the listing entry of the file it came from. The lock is
+// an SRW lock: readers of an unchanged store share it, and a wait for it stays inside the process.
 struct Cache {
-    std::mutex mutex;
+    SRWLOCK lock = SRWLOCK_INIT;
     std::string folder;
     Newest file;
     bool valid = false;
@@ -27,6 +28,30 @@ struct Cache {
     CommitCounter commits;
     // The commit count read before the listing that confirmed the cached state.
     uint64_t commitsConfirmed = 1;
+    // When (GetTickCount64) the watch last said the folder was unchanged since `confirmed`.
+    ULONGLONG watchCheckedAt = 0;
+};
+
+class SharedGuard {
+public:
+    explicit SharedGuard(SRWLOCK& lock) : lock_(lock) { AcquireSRWLockShared(&lock_); }
+    ~SharedGuard() { ReleaseSRWLockShared(&lock_); }
+    SharedGuard(const SharedGuard&) = delete;
+    SharedGuard& operator=(const SharedGuard&) = delete;
+
+private:
+    SRWLOCK& lock_;
+};
+
+class ExclusiveGuard {
+public:
+    explicit ExclusiveGuard(SRWLOCK& lock) : lock_(lock) { AcquireSRWLockExclusive(&lock_); }
+    ~ExclusiveGuard() { ReleaseSRWLockExclusive(&lock_); }
+    ExclusiveGuard(const ExclusiveGuard&) = delete;
+    ExclusiveGuard& operator=(const ExclusiveGuard&) = delete;
+
+private:
+    SRWLOCK& lock_;
 };
 
 Cache& cache() {
@@ -41,6 +66,12 @@ const Snapshot& emptyState() {
 
 bool loadUnderWriterLock(const std::string& folder, Snapshot& out);
 
+// Commits by the store's writers show in the shared commit count, which an unchanged store is
+// answered on. What goes past the writers (the folder removed and made again, a file put there
+// by hand, a writer in another session) shows only in the folder's change notifications, which
+// are asked at most this often, so that a call costs no wait for wineserver.
+const ULONGLONG kFolderCheckMilliseconds = 5;
+
 // How often a reader lists again when a listing showed no state file while the commit count
 // was odd or moved, before it asks the writer lock instead.
 const int kEmptyListingRetries = 20;
@@ -54,11 +85,24 @@ bool loadCurrent(const std::string& folder, Snapshot& out, bool underWriterLock 
     Cache& c = cache();
     for (int attempt = 0; attempt < 100; ++attempt) {
         uint64_t epoch = 0, commits = 1;
+        if (!underWriterLock) {
+            SharedGuard guard(c.lock);
+            if (c.valid && c.folder == folder && c.commits.counts(folder) && c.confirmed != 0 &&
+                GetTickCount64() - c.watchCheckedAt < kFolderCheckMilliseconds) {
+                commits = c.commits.read(folder);
+                if (commits % 2 == 0 && commits == c.commitsConfirmed) {
+                    out = c.state;
+                    return true;
+                }
+            }
+        }
         {
-            std::lock_guard<std::mutex> guard(c.mutex);
+            ExclusiveGuard guard(c.lock);
             commits = c.commits.read(folder);
-            if (c.watch.unchanged(folder, epoch) && !underWriterLock && c.valid && c.folder == folder &&
-                c.confirmed == epoch && commits % 2 == 0 && commits == c.commitsConfirmed) {
+            bool unchanged = c.watch.unchanged(folder, epoch);
+            c.watchCheckedAt = unchanged && c.valid && c.folder == folder && c.confirmed == epoch ? GetTickCount64() : 0;
+            if (unchanged && !underWriterLock && c.valid && c.folder == folder && c.confirmed == epoch &&
+                commits % 2 == 0 && commits == c.commitsConfirmed) {
                 out = c.state;
                 return true;
             }
@@ -74,7 +118,7 @@ bool loadCurrent(const std::string& folder, Snapshot& out, bool underWriterLock 
             // no commit runs.
             uint64_t after = 1;
             {
-                std::lock_guard<std::mutex> guard(c.mutex);
+                ExclusiveGuard guard(c.lock);
                 after = c.commits.read(folder);
             }
             if (after != commits || after % 2 == 1) {
@@ -86,9 +130,12 @@ bool loadCurrent(const std::string& folder, Snapshot& out, bool underWriterLock 
             }
         }
         {
-            std::lock_guard<std::mutex> guard(c.mutex);
+            ExclusiveGuard guard(c.lock);
             if (c.valid && c.folder == folder && c.file == newest) {
-                if (epoch > c.confirmed) c.confirmed = epoch;
+                if (epoch > c.confirmed) {
+                    c.confirmed = epoch;
+                    c.watchCheckedAt = GetTickCount64();
+                }
                 c.commitsConfirmed = commits;
                 out = c.state;
                 return true;
@@ -110,7 +157,7 @@ bool loadCurrent(const std::string& folder, Snapshot& out, bool underWriterLock 
             parsed.generation = generationOf(newest.name);
             state = std::make_shared<const StoreState>(std::move(parsed));
         }
-        std::lock_guard<std::mutex> guard(c.mutex);
+        ExclusiveGuard guard(c.lock);
         // A slower reader must not put back an older state than one already cached; a state
         // confirmed before an earlier arming may come from a folder since made again, though.
         if (!c.valid || c.folder != folder || c.state->generation <= state->generation || c.confirmed < epoch) {
@@ -119,6 +166,7 @@ bool loadCurrent(const std::string& folder, Snapshot& out, bool underWriterLock 
             c.state = state;
             c.valid = true;
             c.confirmed = epoch;
+            c.watchCheckedAt = GetTickCount64();
             c.commitsConfirmed = commits;
         }
         out = std::move(state);
@@ -143,7 +191,7 @@ bool loadUnderWriterLock(const std::string& folder, Snapshot& out) {
     }
     {
         Cache& c = cache();
-        std::lock_guard<std::mutex> guard(c.mutex);
+        ExclusiveGuard guard(c.lock);
         c.commits.settleAfterDeadWriter(folder);
     }
     return loadCurrent(folder, out, true);
@@ -195,7 +243,7 @@ int updateStore(const std::function<int(StoreState&)>& mutate) {
     if (!lock.locked()) return kStoreError;
     Cache& c = cache();
     {
-        std::lock_guard<std::mutex> guard(c.mutex);
+        ExclusiveGuard guard(c.lock);
         c.commits.settleAfterDeadWriter(folder);
     }
     // Under the file lock nobody else commits, so the listing shows the freshest state.
@@ -209,13 +257,13 @@ int updateStore(const std::function<int(StoreState&)>& mutate) {
     Snapshot written = std::make_shared<const StoreState>(std::move(next));
     std::string text = formatStoreText(*written);
     {
-        std::lock_guard<std::mutex> guard(c.mutex);
+        ExclusiveGuard guard(c.lock);
         c.commits.beginCommit(folder);
     }
     bool committedNow = commit(folder, written->generation, text);
     uint64_t commits = 1;
     {
-        std::lock_guard<std::mutex> guard(c.mutex);
+        ExclusiveGuard guard(c.lock);
         commits = c.commits.endCommit(folder);
     }
     if (!committedNow) return kStoreError;
@@ -226,7 +274,7 @@ int updateStore(const std::function<int(StoreState&)>& mutate) {
     if (findNewest(folder, newest, &older)) {
         for (const std::string& name : older) DeleteFileA((folder + "\\" + name).c_str());
         // Remember what was committed so that this process does not parse its own write again.
-        std::lock_guard<std::mutex> guard(c.mutex);
+        ExclusiveGuard guard(c.lock);
         if (newest.name == stateName(written->generation)) {
             // Still under the file lock: this is the newest state whenever the watch was armed.
             if (c.folder != folder) c.confirmed = 0;
@@ -242,20 +290,20 @@ int updateStore(const std::function<int(StoreState&)>& mutate) {
 
 namespace {
 
-std::mutex callCountMutex;
+SRWLOCK callCountLock = SRWLOCK_INIT;
 std::map<std::string, int> callCounts;
 
 }  // namespace
 
 int callCount(const std::string& operation) {
-    std::lock_guard<std::mutex> guard(callCountMutex);
+    ExclusiveGuard guard(callCountLock);
     auto found = callCounts.find(operation);
     return found == callCounts.end() ? 0 : found->second;
 }
 
 int consumeFault(const std::string& operation, Snapshot* state) {
     {
-        std::lock_guard<std::mutex> guard(callCountMutex);
+        ExclusiveGuard guard(callCountLock);
         ++callCounts[operation];
     }
     Snapshot current = readStore();

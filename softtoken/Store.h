@@ -7,9 +7,11 @@
 // to the next generation's name: that rename is the only commit point, so a writer dying at
 // any moment leaves the old or the new state. It then deletes the older generations.
 // The current state file is never replaced in place, because Windows (and Wine) refuse to
-// rename over a file that a reader holds open. Readers take no lock: they list the folder only
-// after a change notification on it (or on every call when none can be set up) and parse only
-// when the newest file is not the one they read last.
+// rename over a file that a reader holds open. Readers take no file lock: an unchanged store is
+// answered from memory after one look at the commit count that writers share; they list the
+// folder when the count moved, or when the folder's change notification (asked every few
+// milliseconds, or on every call when none can be set up) fired, and parse only when the newest
+// file is not the one they read last.
 // StoreFiles holds the folder's files, WriterLock the writers' lock, CommitWatch how readers
 // learn of a commit; Store.cpp the cache and the read and update logic over them.
 #pragma once
@@ -90,7 +92,7 @@ struct StoreState {
 // The folder named by ORVANE_TOKEN_STORE, else %ProgramData%\Orvane\SoftToken.
 std::string storeFolder();
 
-// The last committed state, shared read-only: unchanged stores cost a change check only.
+// The last committed state, shared read-only: unchanged stores cost a look at the commit count only.
 using Snapshot = std::shared_ptr<const StoreState>;
 
 // Reads the current state. False (and an empty state) when the store is unreadable.

@@ -25,13 +25,25 @@ namespace admin = softtoken::admin;
 
 namespace {
 
+// The writer learns of a change to logLevel from its watcher thread, a moment after the change.
+void setLevelAndWaitUntilSeen(int level) {
+    setLogLevel(level);
+    for (int waited = 0; waited < 5000; ++waited) {
+        unsigned long seen = 0;
+        bool set = Utils::currentLevel(seen);
+        if (level < 0 ? !set : set && seen == static_cast<unsigned long>(level)) return;
+        Sleep(1);
+    }
+    ADD_FAILURE() << "the log writer never saw logLevel " << level;
+}
+
 class LogWriterTest : public ::testing::Test {
 protected:
-    void TearDown() override { setLogLevel(3); }
+    void TearDown() override { setLevelAndWaitUntilSeen(3); }
 
     // Writes one ordinary and one failure line at the given level and returns what reached the file.
     static std::string writeBothAt(int level) {
-        setLogLevel(level);
+        setLevelAndWaitUntilSeen(level);
         std::string before = readProviderLog();
         Utils::logMessage("ordinary line");
         Utils::logError("failure line");
