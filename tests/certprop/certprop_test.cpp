@@ -82,6 +82,20 @@ int copiesIn(const wchar_t* storeName, const Bytes& der) {
     return copies;
 }
 
+// orvane-check's line on a key's certificate in the store starts with the outcome and holds the text.
+::testing::AssertionResult checkSays(const std::string& key, const std::string& outcome, const std::string& text) {
+    writeText(workDir() + "/pin.txt", "1234\r\n");
+    finish(startProgram("orvane-check.exe", "--pin-stdin", workDir() + "/check.txt", workDir() + "/pin.txt"), 120000);
+    Bytes report = readFile(workDir() + "/check.txt");
+    std::istringstream lines(std::string(report.begin(), report.end()));
+    for (std::string line; std::getline(lines, line);)
+        if (line.find("certificate in the user's MY store") != std::string::npos && line.find(key) != std::string::npos)
+            if (line.compare(0, outcome.size(), outcome) == 0 && line.find(text) != std::string::npos)
+                return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << outcome << " " << text << " for " << key << " in:\n"
+                                         << std::string(report.begin(), report.end());
+}
+
 bool agentSaid(const std::string& file, const std::string& text) {
     Bytes output = readFile(workDir() + "/" + file);
     return std::string(output.begin(), output.end()).find(text) != std::string::npos;
@@ -128,6 +142,13 @@ TEST_F(Propagation, OnceBindsTheTokenCertificatesAndMailClientsSignAndDecryptThr
     EXPECT_EQ(ksp + rsa_.keyId + "|1|" + std::to_string(AT_SIGNATURE), StoreCertificate(L"MY", der(rsa_)).binding());
     EXPECT_EQ(ksp + ec_.keyId + "|0|" + std::to_string(AT_SIGNATURE), StoreCertificate(L"MY", der(ec_)).binding());
     EXPECT_EQ(1, copiesIn(L"MY", der(rsa_)));
+
+    // orvane-check judges the binding against the setting: right now, wrong once it changes.
+    EXPECT_TRUE(checkSays(rsa_.keyId, "PASS", "CryptoAPI provider"));
+    EXPECT_TRUE(checkSays(ec_.keyId, "PASS", "key storage provider"));
+    setRsaToCsp(0);
+    EXPECT_TRUE(checkSays(rsa_.keyId, "FAIL", "expected the key storage provider"));
+    setRsaToCsp(1);
 
     // A mail client: the signer's certificate from "MY", its private key through the binding.
     StoreCertificate signer(L"MY", der(rsa_));
