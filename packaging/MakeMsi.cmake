@@ -24,6 +24,9 @@ set(defines -D Version=${VERSION} -D ProductCode=${product_code} -D UpgradeCode=
 if(EXISTS ${STAGE}/x64/orvane-check.exe)
   list(APPEND defines -D WithCheckTool=1)
 endif()
+if(EXISTS ${STAGE}/x64/orvane-certprop.exe)
+  list(APPEND defines -D WithCertProp=1)
+endif()
 
 # wixl wants the Source paths relative to the folder it runs in.
 get_filename_component(output ${OUTPUT} ABSOLUTE)

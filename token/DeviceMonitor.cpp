@@ -20,14 +20,6 @@ std::atomic<bool> monitorStopRequested{false};
 // Heap-held so that no joinable std::thread is ever destroyed at process exit.
 std::thread* monitorThread = nullptr;
 
-const DWORD kPollMilliseconds = 1000;
-
-void sweepUnpluggedTokens() {
-    std::vector<std::string> serials = orvane_getConnectedDeviceList(false, nullptr);
-    std::set<std::string> connected(serials.begin(), serials.end());
-    for (const std::string& serial : removeSessionsExcept(connected)) Utils::logMessage("Device disconnected: " + serial);
-}
-
 // An exception leaving a thread's body ends the host process: a failed sweep is skipped and
 // the next one tries again.
 void monitorLoop() {
@@ -38,7 +30,7 @@ void monitorLoop() {
         } catch (...) {
             Utils::logError("Device monitor sweep failed");
         }
-        Sleep(kPollMilliseconds);
+        Sleep(kDevicePollMilliseconds);
     }
     Utils::logMessage("Device monitor thread stopped.");
 }
@@ -51,6 +43,13 @@ bool keepModuleLoaded() {
 }
 
 }  // namespace
+
+std::vector<std::string> sweepUnpluggedTokens() {
+    std::vector<std::string> serials = orvane_getConnectedDeviceList(false, nullptr);
+    std::set<std::string> connected(serials.begin(), serials.end());
+    for (const std::string& serial : removeSessionsExcept(connected)) Utils::logMessage("Device disconnected: " + serial);
+    return serials;
+}
 
 void startDeviceMonitor() {
     if (monitorRunning.exchange(true)) {

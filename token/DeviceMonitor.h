@@ -2,7 +2,17 @@
 // been unplugged, so a token plugged in again is initialised afresh and asks for its PIN.
 #pragma once
 
+#include <string>
+#include <vector>
+
 namespace orvane {
+
+// How often the monitor looks; anything else that polls the tokens looks no more often.
+const unsigned long kDevicePollMilliseconds = 1000;
+
+// One look, as the monitor takes it each period: the session state of every token no longer
+// connected is forgotten (logged as disconnected). Returns the connected serials.
+std::vector<std::string> sweepUnpluggedTokens();
 
 // Starts the monitor unless it runs already. A running monitor keeps this module loaded
 // (CryptReleaseContext would otherwise unload it under the thread), so sessions and cached

@@ -46,6 +46,12 @@ bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& tex
         Utils::logError(texts.noToken);
         return false;
     }
+    initializeListedDevices(serials, libraryContext, texts);
+    return true;
+}
+
+void initializeListedDevices(const std::vector<std::string>& serials, void* libraryContext,
+                             const DeviceInitTexts& texts) {
     for (const std::string& serial : serials) {
         if (isDeviceInitialized(serial)) continue;
         orvane_init(0, nullptr, 2);
@@ -56,7 +62,6 @@ bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& tex
         }
         markDeviceInitialized(serial);
     }
-    return true;
 }
 
 std::string findSerialForContainer(const std::string& containerName) {

@@ -22,6 +22,11 @@ bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& tex
 // The same, handing back the serials it read (the KSP keeps the first), so no second list call is made.
 bool initializeConnectedDevices(void* libraryContext, const DeviceInitTexts& texts, std::vector<std::string>& serials);
 
+// orvane_initDevice for each listed token not yet initialised in this process (orvane_init
+// before each); a failure is logged with texts.initFailedFor and tried again next time.
+void initializeListedDevices(const std::vector<std::string>& serials, void* libraryContext,
+                             const DeviceInitTexts& texts);
+
 // The token holding a key pair whose hex key id equals the name (ignoring case); with no
 // name or no match, the first connected token; empty when none is connected.
 std::string findSerialForContainer(const std::string& containerName);

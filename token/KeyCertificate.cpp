@@ -37,6 +37,22 @@ bool certificateLinkedToKey(const OrvaneCertificate& certificate, const KeyPairS
     return sameLabel || sameLink;
 }
 
+const OrvaneKeyPair* findCertificateKeyPair(const OrvaneCertificate& certificate,
+                                            const std::vector<OrvaneKeyPair>& keyPairs) {
+    std::vector<KeyPairSnapshot> snapshots(keyPairs.size());
+    for (size_t i = 0; i < keyPairs.size(); ++i) takeSnapshot(snapshots[i], keyPairs[i]);
+    for (size_t i = 0; i < keyPairs.size(); ++i)
+        if (certificateLinkedToKey(certificate, snapshots[i])) return &keyPairs[i];
+    std::vector<unsigned char> der = derOf(certificate);
+    CertificateDetails details;
+    if (orvane_getCertificateDetails(der.data(), static_cast<int>(der.size()), details, nullptr) != 0) return nullptr;
+    for (size_t i = 0; i < keyPairs.size(); ++i)
+        if (snapshots[i].publicKeyLength != 0 &&
+            detailsHoldPublicKey(details, snapshots[i].publicKey, snapshots[i].publicKeyLength))
+            return &keyPairs[i];
+    return nullptr;
+}
+
 bool findKeyCertificate(const std::string& serial, void* libraryContext, const KeyPairSnapshot& key,
                         CertificateSearch search, std::vector<unsigned char>& der) {
     orvane_initDevice(serial.c_str(), true, libraryContext);

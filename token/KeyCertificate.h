@@ -25,6 +25,12 @@ bool detailsHoldPublicKey(const CertificateDetails& details, const unsigned char
 // label, or its link has the key's link length and bytes (two empty links match).
 bool certificateLinkedToKey(const OrvaneCertificate& certificate, const KeyPairSnapshot& key);
 
+// The key pair a certificate record belongs to, by the same two steps as findKeyCertificate
+// from the other side: a key pair it is linked to by label or link, failing that one whose
+// public key it holds. Null for a certificate without a key pair on the token (an issuer's).
+const OrvaneKeyPair* findCertificateKeyPair(const OrvaneCertificate& certificate,
+                                            const std::vector<OrvaneKeyPair>& keyPairs);
+
 // Reopens the device (result not examined), reads the certificate list and returns the DER
 // bytes of the first certificate that belongs to the key; false when none does.
 bool findKeyCertificate(const std::string& serial, void* libraryContext, const KeyPairSnapshot& key,

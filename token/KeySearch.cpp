@@ -20,6 +20,16 @@ const OrvaneKeyPair* findKeyPairById(const std::vector<OrvaneKeyPair>& keyPairs,
     return nullptr;
 }
 
+bool containerKeyRole(const OrvaneKeyPair& keyPair, KeyRole& role) {
+    if (keyPair.keyUsage == kUsageExchange)
+        role = KeyRole::kExchange;
+    else if (usageAllowsSigning(keyPair.keyUsage))
+        role = KeyRole::kSigning;
+    else
+        return false;
+    return true;
+}
+
 const OrvaneKeyPair* findKeyPairFor(const std::vector<OrvaneKeyPair>& keyPairs, const std::string& containerName,
                                     KeyRole role) {
     for (const OrvaneKeyPair& keyPair : keyPairs)

@@ -32,6 +32,11 @@ inline bool usageAllows(int64_t usage, KeyRole role) {
     return role == KeyRole::kSigning ? usageAllowsSigning(usage) : usageAllowsExchange(usage);
 }
 
+// The role CryptoAPI gives a container's key pair (PP_KEYSPEC, and the AT_ value under which
+// CPGetUserKey on that container returns it): an exchange-only key exchanges, a key that may
+// sign signs, a key for both purposes signs too. False for a key pair that does neither.
+bool containerKeyRole(const OrvaneKeyPair& keyPair, KeyRole& role);
+
 // The first key pair in the container that may be used in this role; null when none may.
 const OrvaneKeyPair* findKeyPairFor(const std::vector<OrvaneKeyPair>& keyPairs, const std::string& containerName,
                                     KeyRole role);

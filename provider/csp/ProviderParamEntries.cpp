@@ -180,10 +180,8 @@ BOOL answerKeySpec(const CspContext& context, BYTE* pbData, DWORD* pdwDataLen) {
     std::vector<OrvaneKeyPair> keyPairs = readKeyPairs(context.serialNumber, context.libraryContext);
     const OrvaneKeyPair* keyPair = findKeyPairByName(keyPairs, context.containerName);
     if (keyPair == nullptr) return failWith(NTE_NO_KEY);
-    // A key pair for both purposes reports AT_SIGNATURE.
-    DWORD keySpec = keyPair->keyUsage == kUsageExchange             ? AT_KEYEXCHANGE
-                    : usageAllowsSigning(keyPair->keyUsage) ? AT_SIGNATURE
-                                                                    : 0;
+    KeyRole role = KeyRole::kSigning;
+    DWORD keySpec = !containerKeyRole(*keyPair, role) ? 0 : role == KeyRole::kExchange ? AT_KEYEXCHANGE : AT_SIGNATURE;
     return answerDwordOrMoreData(keySpec, pbData, pdwDataLen, "More Data");
 }
 

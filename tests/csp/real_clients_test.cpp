@@ -1,6 +1,7 @@
 // The provider as real Windows applications reach it: through a certificate whose key
 // provider information names this provider and a container, with crypt32 doing the rest.
-// OpenSSL checks what comes out.
+// OpenSSL checks what comes out. Signing and decrypting messages through the user's store is
+// in certprop_test.
 #include <windows.h>
 #include <wincrypt.h>
 
@@ -20,7 +21,6 @@ namespace admin = softtoken::admin;
 namespace {
 
 const char kSerial[] = "CLIENTS-1";
-const DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
 class RealClients : public ::testing::Test {
 protected:
@@ -45,53 +45,6 @@ protected:
 };
 
 ProvisionedKey RealClients::key_;
-
-TEST_F(RealClients, SignedMessageFromTheCertificatesKeyVerifiesWithOpenSsl) {
-    Bytes der = readFile(key_.certificateFile);
-    HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr);
-    ASSERT_NE(nullptr, store);
-    PCCERT_CONTEXT certificate = nullptr;
-    ASSERT_TRUE(CertAddEncodedCertificateToStore(store, kEncoding, der.data(), static_cast<DWORD>(der.size()),
-                                                 CERT_STORE_ADD_ALWAYS, &certificate));
-    std::wstring container, provider;
-    CRYPT_KEY_PROV_INFO info = providerInfo(container, provider);
-    ASSERT_TRUE(CertSetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
-
-    // What a mail client does first: find the private key behind the certificate.
-    HCRYPTPROV keyProvider = 0;
-    DWORD keySpec = 0;
-    BOOL mustFree = FALSE;
-    ASSERT_TRUE(CryptAcquireCertificatePrivateKey(certificate, 0, nullptr, &keyProvider, &keySpec, &mustFree))
-        << std::hex << GetLastError();
-    EXPECT_EQ(static_cast<DWORD>(AT_SIGNATURE), keySpec);
-    if (mustFree) CryptReleaseContext(keyProvider, 0);
-
-    const std::string content = "Signed through crypt32 with a key on the token";
-    CRYPT_SIGN_MESSAGE_PARA parameters{};
-    parameters.cbSize = sizeof parameters;
-    parameters.dwMsgEncodingType = kEncoding;
-    parameters.pSigningCert = certificate;
-    parameters.HashAlgorithm.pszObjId = const_cast<char*>(szOID_NIST_sha256);
-    parameters.cMsgCert = 1;
-    parameters.rgpMsgCert = &certificate;
-    const BYTE* contents[] = {reinterpret_cast<const BYTE*>(content.data())};
-    DWORD contentSizes[] = {static_cast<DWORD>(content.size())};
-    DWORD size = 0;
-    ASSERT_TRUE(CryptSignMessage(&parameters, FALSE, 1, contents, contentSizes, nullptr, &size))
-        << std::hex << GetLastError();
-    Bytes message(size);
-    ASSERT_TRUE(CryptSignMessage(&parameters, FALSE, 1, contents, contentSizes, message.data(), &size))
-        << std::hex << GetLastError();
-    message.resize(size);
-    writeFile(workDir() + "/message.p7s", message);
-
-    HostResult host = runHost("openssl cms -verify -inform DER -in message.p7s -CAfile ca.pem -out verified.txt");
-    EXPECT_NE(std::string::npos, host.output.find("Verification successful")) << host.output;
-    Bytes verified = readFile(workDir() + "/verified.txt");
-    EXPECT_EQ(content, std::string(verified.begin(), verified.end()));
-    CertFreeCertificateContext(certificate);
-    CertCloseStore(store, 0);
-}
 
 TEST_F(RealClients, SelfSignedCertificateForATokenKeyVerifiesWithOpenSsl) {
     CERT_NAME_BLOB subject{};

@@ -50,6 +50,8 @@ csp_key='HKLM\Software\Microsoft\Cryptography\Defaults\Provider\Orvane Cryptogra
 wow_key='HKLM\Software\WOW6432Node\Microsoft\Cryptography\Defaults\Provider\Orvane Cryptographic Provider CSP'
 uninstall_key='HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall'
 check_tool='C:\Program Files\Orvane\orvane-check.exe'
+certprop='C:\Program Files\Orvane\orvane-certprop.exe'
+run_key='HKLM\Software\Microsoft\Windows\CurrentVersion\Run'
 token_tool='C:\Program Files\Orvane\orvane-token.exe'
 
 winpath() { printf 'Z:%s' "$(printf '%s' "$1" | tr / '\\')"; }
@@ -80,6 +82,8 @@ provider_in_place() {
     expect "CryptoAPI registration (64-bit view)" registered "$csp_key" 'C:\windows\system32\OrvaneCSP.dll'
     expect "CryptoAPI registration (WOW6432Node)" registered "$wow_key" 'C:\windows\syswow64\OrvaneCSP.dll'
     expect "orvane-check in Program Files\\Orvane" is_format "$program_folder/orvane-check.exe" pei-x86-64
+    expect "orvane-certprop in Program Files\\Orvane" is_format "$program_folder/orvane-certprop.exe" pei-x86-64
+    expect "orvane-certprop started at every logon" [ "$(reg_value "$run_key" 'Orvane certificate propagation')" = "\"$certprop\"" ]
 }
 soft_token_in_place() {
     expect "64-bit software token in system32" is_format "$windows/system32/OrvaneDSCLibrary.dll" pei-x86-64
@@ -95,6 +99,7 @@ nothing_left() {
     expect "CryptoAPI registration removed (64-bit view)" no_key "$csp_key"
     expect "CryptoAPI registration removed (WOW6432Node)" no_key "$wow_key"
     expect "installer's key HKLM\\Software\\Orvane removed" no_key 'HKLM\Software\Orvane'
+    expect "logon start of orvane-certprop removed" [ -z "$(reg_value "$run_key" 'Orvane certificate propagation')" ]
     expect "no product entry for $version" no_key "$uninstall_key\\$product"
     expect "no product entry for $next_version" no_key "$uninstall_key\\$next_product"
 }
@@ -149,7 +154,10 @@ openssl x509 -new -subj "/CN=Orvane Deploy Test $key" -force_pubkey "$work/key.p
     -CAkey "$work/ca.key" -days 2 -outform DER -out "$work/key.cert.der" 2>/dev/null
 token import-cert DEPLOY-0001 "$work/key.cert.der" >/dev/null
 [ -n "$key" ] || die "orvane-token could not provision a token"
+wine "$certprop" --once >/dev/null 2>&1
 check_passes install
+expect "orvane-check finds the certificate propagated to the user's store" \
+    grep -q "PASS  certificate in the user's MY store" "$work/check-install.txt"
 
 step "Upgrade to $next_version without the option"
 msiexec /i "$(winpath "$next_msi")" /qn /l*v "$(winpath "$work/upgrade.log")"

@@ -40,6 +40,12 @@ std::string checkRegistration(Report& report);
 // Through advapi32, as an application reaches the provider.
 void checkCryptoApi(Session& session);
 
+// Whether a key's certificate is in the current user's "MY" store with key provider
+// information that leads to this key, as orvane-certprop binds it: the key storage provider,
+// or for an RSA key with propagateRsaToCsp = 1 the CryptoAPI provider under keySpec.
+void checkStoreBinding(Report& report, const std::string& container, const Bytes& certificate, bool rsa,
+                       unsigned long keySpec);
+
 // Through the module's GetKeyStorageInterface table, as the CNG router reaches it.
 void checkKeyStorage(Session& session, const std::string& imagePath);
 

@@ -297,6 +297,8 @@ void checkContainer(Session& session, const std::string& name) {
     Key key;
     if (!openUserKey(session, context.handle, container, key)) return;
     readCertificate(session.report, key.handle, container);
+    if (!container.certificate.empty())
+        checkStoreBinding(session.report, name, container.certificate, container.rsa(), container.keySpec);
     exportPublicKey(session.report, key.handle, container);
     signAndVerify(session, context.handle, key.handle, container);
 }
