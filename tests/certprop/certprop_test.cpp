@@ -60,7 +60,7 @@ struct StoreCertificate {
         CertCloseStore(store, 0);
     }
     bool propagated() const { return context && certprop::isPropagated(context); }
-    // "<provider>|<container>|<type>|<spec>"
+    // "<provider>|<container>|<type>|<key role>"
     std::string binding() const {
         DWORD size = 0;
         if (!context || !CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size)) return "";

@@ -74,9 +74,9 @@ bool setBinding(PCCERT_CONTEXT certificate, const Binding& binding) {
 
 std::string bindingText(const Binding& binding) {
     std::string container(binding.container.begin(), binding.container.end());
-    const char* spec = binding.keySpec == AT_KEYEXCHANGE ? "AT_KEYEXCHANGE" : "AT_SIGNATURE";
+    const char* role = binding.keySpec == AT_KEYEXCHANGE ? "AT_KEYEXCHANGE" : "AT_SIGNATURE";
     return binding.provType == 0 ? "key storage provider, key " + container
-                                 : std::string("CryptoAPI provider, container ") + container + ", " + spec;
+                                 : std::string("CryptoAPI provider, container ") + container + ", " + role;
 }
 
 // The marked certificates of a store, each duplicated (the caller frees them).

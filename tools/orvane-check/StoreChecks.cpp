@@ -28,7 +28,7 @@ std::string narrow(const wchar_t* text) {
 std::string bindingText(const std::string& provider, const std::string& container, DWORD provType, DWORD keySpec) {
     if (provType == 0) return "key storage provider \"" + provider + "\", key " + container;
     return "CryptoAPI provider \"" + provider + "\" (type " + std::to_string(provType) + "), container " + container +
-           (keySpec == AT_KEYEXCHANGE ? ", AT_KEYEXCHANGE" : keySpec == AT_SIGNATURE ? ", AT_SIGNATURE" : ", key spec " + std::to_string(keySpec));
+           (keySpec == AT_KEYEXCHANGE ? ", AT_KEYEXCHANGE" : keySpec == AT_SIGNATURE ? ", AT_SIGNATURE" : ", dwKeySpec " + std::to_string(keySpec));
 }
 
 }  // namespace
