@@ -1,5 +1,6 @@
-# Writes a module-definition file listing the exported names of a built DLL (cmake -P):
-#   -DOBJDUMP=<objdump> -DDLL=<built dll> -DNAME=<dll file name> -DOUT=<def file>
+# Writes a module-definition file listing the exported names of a built DLL, and the token
+# functions among them as C string literals for the loader's completeness check (cmake -P):
+#   -DOBJDUMP=<objdump> -DDLL=<built dll> -DNAME=<dll file name> -DOUT=<def file> -DNAMES_OUT=<inc file>
 execute_process(COMMAND ${OBJDUMP} -p ${DLL} OUTPUT_VARIABLE dump RESULT_VARIABLE status)
 if(NOT status EQUAL 0)
   message(FATAL_ERROR "objdump failed on ${DLL}")
@@ -14,5 +15,9 @@ set(def "LIBRARY ${NAME}\nEXPORTS\n")
 foreach(entry IN LISTS entries)
   string(REGEX REPLACE "^\\[ *[0-9]+\\] " "" exportName "${entry}")
   string(APPEND def "  ${exportName}\n")
+  if(exportName MATCHES "orvane_")
+    string(APPEND names "\"${exportName}\",\n")
+  endif()
 endforeach()
 file(WRITE ${OUT} "${def}")
+file(WRITE ${NAMES_OUT} "${names}")

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "diagnostics/Log.h"
+
 namespace orvane {
 namespace {
 
@@ -31,12 +33,39 @@ std::wstring libraryPathBesideThisModule() {
     return path.substr(0, slash + 1) + kLibraryFile;
 }
 
+#if defined(ORVANE_CHECK_LIBRARY_NAMES)
+// The token functions as this build's compiler names them. A library built by another compiler
+// (the maker's, for instance) names them differently: a delay-load of a missing function would
+// raise in the host, so such a library is not used at all.
+const char* const kFunctionNames[] = {
+#include "OrvaneDSCLibraryNames.inc"
+};
+
+bool exportsEveryTokenFunction(HMODULE library) {
+    for (const char* name : kFunctionNames) {
+        if (GetProcAddress(library, name) == nullptr) {
+            Utils::logError(std::string("Token library does not export ") + name);
+            return false;
+        }
+    }
+    return true;
+}
+#else
+// The maker's import library names the functions exactly as the maker's build exports them.
+bool exportsEveryTokenFunction(HMODULE) { return true; }
+#endif
+
 HMODULE loadLibraryBesideThisModule() {
     // Loaded once and never freed: the delay-load thunks keep pointing into it.
     static const HMODULE library = []() -> HMODULE {
         std::wstring path = libraryPathBesideThisModule();
         if (path.empty()) return nullptr;
-        return LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+        HMODULE loaded = LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+        if (loaded != nullptr && !exportsEveryTokenFunction(loaded)) {
+            FreeLibrary(loaded);
+            return nullptr;
+        }
+        return loaded;
     }();
     return library;
 }

@@ -98,6 +98,13 @@ TEST(TokenLibrary, IsLoadedOnlyFromTheProvidersFolder) {
     std::string written = logAfter.substr(std::min(logBefore.size(), logAfter.size()));
     EXPECT_NE(std::string::npos, written.find("->ERROR ::=>Valid token not connected\n")) << written;
     EXPECT_NE(std::string::npos, written.find("->ERROR ::=>KSP: No valid token connected\n")) << written;
+
+    // A library of another build beside the provider (its functions under other names) is
+    // let go of instead of failing in the host at the first call.
+    std::string foreign = folderWith("foreign", {{bin + "\\OrvaneCSP.dll", "OrvaneCSP.dll"},
+                                                 {bin + "\\orvane-planted-library.dll", "OrvaneDSCLibrary.dll"}});
+    printed = probe("orvane-library-probe.exe", windowsPath(foreign) + "\\OrvaneCSP.dll");
+    EXPECT_NE(std::string::npos, printed.find("acquire 0 80090023\nopen 80090035\nlibrary none\n")) << printed;
 }
 
 TEST(CspAcquireContext, ChoosesTheTokenThatHoldsTheContainer) {
