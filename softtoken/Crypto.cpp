@@ -65,16 +65,8 @@ using SharedSexp = std::shared_ptr<gcry_sexp>;
 std::mutex parsedMutex;
 std::map<Bytes, SharedSexp> parsed;
 
-SharedSexp remember(const Bytes& sealed, gcry_sexp_t sexp) {
-    const size_t kMaximum = 64;
-    SharedSexp key(sexp, SexpDeleter());
-    std::lock_guard<std::mutex> guard(parsedMutex);
-    if (parsed.size() >= kMaximum) parsed.clear();
-    parsed.emplace(sealed, key);
-    return key;
-}
-
 SharedSexp parsedPrivateKey(const Bytes& sealed) {
+    const size_t kMaximum = 64;
     {
         std::lock_guard<std::mutex> guard(parsedMutex);
         auto found = parsed.find(sealed);
@@ -84,7 +76,11 @@ SharedSexp parsedPrivateKey(const Bytes& sealed) {
     gcry_sexp_t sexp = nullptr;
     if (!unprotectSecret(sealed, canonical) || gcry_sexp_new(&sexp, canonical.data(), canonical.size(), 1) != 0)
         return nullptr;
-    return remember(sealed, sexp);
+    SharedSexp key(sexp, SexpDeleter());
+    std::lock_guard<std::mutex> guard(parsedMutex);
+    if (parsed.size() >= kMaximum) parsed.clear();
+    parsed.emplace(sealed, key);
+    return key;
 }
 
 const char* curveName(int keyType) {
@@ -181,8 +177,6 @@ int generateKeyPair(int keyType, Bytes& publicKey, Bytes& privateKey) {
     }
     orvane::SecretBuffer canonical = canonicalForm(privatePart.get());
     if (!protectSecret(canonical.data(), canonical.size(), privateKey)) return kCryptoFailure;
-    // The first use needs no unprotecting.
-    remember(privateKey, privatePart.release());
     return kOk;
 }
 

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <chrono>
@@ -216,6 +217,34 @@ void expectNowhereInClear(const std::string& folder, const std::map<std::string,
     EXPECT_GE(files, 1);
 }
 
+// The text of the store's current state file.
+std::string stateText(const std::string& folder) {
+    WIN32_FIND_DATAA found;
+    HANDLE search = FindFirstFileA((windowsPath(folder) + "\\state-*.json").c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) return "";
+    std::string newest;
+    do newest = std::max(newest, std::string(found.cFileName));
+    while (FindNextFileA(search, &found));
+    FindClose(search);
+    Bytes bytes = readFile(folder + "/" + newest);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+// The first text field of that name in a state file.
+std::string field(const std::string& text, const std::string& name) {
+    size_t at = text.find("\"" + name + "\": \"");
+    if (at == std::string::npos) return "";
+    at += name.size() + 5;
+    return text.substr(at, text.find('"', at) - at);
+}
+
+// PBKDF2-HMAC-SHA256 as OpenSSL computes it, in hex.
+std::string opensslPbkdf2(const std::string& pin, const std::string& saltHex, int iterations) {
+    return runHost("openssl kdf -keylen 32 -kdfopt digest:SHA256 -kdfopt 'pass:" + pin + "' -kdfopt hexsalt:" +
+                   saltHex + " -kdfopt iter:" + std::to_string(iterations) + " PBKDF2 | tr -d ':\\n'")
+        .output;
+}
+
 // The PIN opens the token and no other does; the key pair signs (checked by OpenSSL against
 // its public key) and the secret key unwraps what OpenSSL wrapped under it.
 void expectUsable(const std::string& serial, const std::string& pin, const Bytes& keyId, const Bytes& publicKeyInfo,
@@ -256,6 +285,19 @@ TEST(SoftTokenStore, FilesHoldNeitherThePinNorKeyBytesInClearAndAnOldStoreIsRewr
     ASSERT_EQ(0, admin::generateKeyPair("AT-1", 5, "sig", 3, 0, keyIdHex));
     expectNowhereInClear(folder, {{"the PIN", bytesOf(pin)}, {"the secret key", kek},
                                   {"a private key", bytesOf("private-key")}});
+    // The hash is PBKDF2-HMAC-SHA256 as OpenSSL makes it. One of fewer iterations, as an earlier
+    // version could have written, is made again with today's count at the next right PIN.
+    std::string state = stateText(folder), salt = field(state, "salt"), hash = field(state, "hash");
+    ASSERT_EQ(opensslPbkdf2(pin, salt, 10000), hash);
+    state.replace(state.find(hash), hash.size(), opensslPbkdf2(pin, salt, 1000));
+    const std::string count = "\"iterations\": 10000";
+    state.replace(state.find(count), count.size(), "\"iterations\": 1000");
+    writeText(folder + "/state-00000000000000000099.json", state);
+    int remaining = -1;
+    EXPECT_EQ(0, orvane_validatePassword("AT-1", pin.c_str(), 1, &remaining, nullptr));
+    state = stateText(folder);
+    EXPECT_NE(std::string::npos, state.find(count)) << state;
+    EXPECT_EQ(opensslPbkdf2(pin, field(state, "salt"), 10000), field(state, "hash"));
     Bytes publicKeyInfo;
     ASSERT_EQ(0, admin::exportPublicKey("AT-1", keyIdHex, publicKeyInfo));
     expectUsable("AT-1", pin, orvane::hexToBytes(keyIdHex), publicKeyInfo, orvane::hexToBytes(kekIdHex), kek);
