@@ -22,7 +22,7 @@ serial=BENCH-0001
 tool() { wine "$root/build/bin/orvane-token.exe" "$@"; }
 
 sh scripts/wine-prefix.sh setup "$WINEPREFIX" "$root/build/bin"
-tool create "$serial" --label "Orvane Bench Token" --pin 1234 --retries 10
+echo 1234 | tool create "$serial" --label "Orvane Bench Token" --pin-stdin --retries 10
 tool sign-on "$serial" 1 1
 rsa_key=$(tool genkey "$serial" rsa2048 --label "Bench RSA-2048" --usage 3)
 ec_key=$(tool genkey "$serial" p256 --label "Bench P-256" --usage 3)

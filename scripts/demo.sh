@@ -21,7 +21,7 @@ step "Creating a Wine prefix with the provider registered"
 sh scripts/wine-prefix.sh setup "$WINEPREFIX" "$root/build/bin"
 
 step "Provisioning software token DEMO-0001 (PIN 1234) in $demo/store"
-tool create DEMO-0001 --label "Orvane Demo Token" --pin 1234 --retries 10
+echo 1234 | tool create DEMO-0001 --label "Orvane Demo Token" --pin-stdin --retries 10
 signing_key=$(tool genkey DEMO-0001 rsa2048 --label "Demo signing key" --usage 3)
 ec_key=$(tool genkey DEMO-0001 p256 --label "Demo EC key" --usage 3)
 echo "RSA-2048 key pair $signing_key"

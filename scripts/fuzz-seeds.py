@@ -333,36 +333,61 @@ def certificates(m):
 
 
 def store_document(m):
-    """A state file as softtoken/StoreFormat writes it (same fields, same order)."""
+    """A state file as softtoken/StoreFormat writes it (same fields, same order). Secrets are
+    only in their protected form: the PIN's PBKDF2 hash and DPAPI blobs (opaque bytes here)."""
     rsa_modulus = m.rsa[2048][1]
     ec_spki = m.ec["P-256"][1]
     key_id = bytes(range(0xA0, 0xB0))
+    blob = "01000000D08C9DDF0115D1118C7A00C04FC297EB"  # how every DPAPI blob begins
 
     def key_pair(index, key_type, public, label):
         return {"index": index, "keyId": bytes([index] * 16).hex().upper(), "label": label, "usage": 3,
                 "type": key_type, "flag": 0, "certLinkId": bytes([index] * 16).hex().upper(),
-                "publicKey": public.hex().upper(), "privateKey": "28372D6B65792D6461746129"}
+                "publicKey": public.hex().upper(), "protectedPrivateKey": blob + "%02X" % index * 40}
+
+    def pin_hash(seed):
+        return {"salt": bytes([seed] * 16).hex().upper(), "iterations": 10000, "hash": bytes([seed] * 32).hex().upper()}
 
     return {
+        "format": 2,
         "generation": 7,
         "tokens": [
-            {"serial": "SEED-0001", "label": "Seed token", "pin": "1234", "maxRetries": 5, "retriesLeft": 4,
+            {"serial": "SEED-0001", "label": "Seed token", "pinHash": pin_hash(1), "maxRetries": 5, "retriesLeft": 4,
              "loginState": 1, "ssoState": 1, "plugged": True, "nextIndex": 6,
              "keyPairs": [key_pair(1, 2, rsa_modulus, "RSA key"),
                           key_pair(2, 5, ec_spki, {"hex": "C4E4D6"})],
              "certificates": [{"index": 3, "der": m.certificates[2].hex().upper(),
                                "certLinkId": bytes([1] * 16).hex().upper(), "label": "RSA key"}],
              "secretKeys": [{"index": 4, "keyId": key_id.hex().upper(), "reference": key_id.hex().upper(),
-                             "label": "KEK", "type": 10, "flag": True, "value": bytes(range(32)).hex().upper()},
+                             "label": "KEK", "type": 10, "flag": True, "protectedValue": blob + "04" * 40},
                             {"index": 5, "keyId": "", "reference": "", "label": "", "type": 11, "flag": False,
-                             "value": bytes(24).hex()}]},
-            {"serial": {"hex": "FF00"}, "label": "", "pin": "", "maxRetries": 10, "retriesLeft": 0,
+                             "protectedValue": ""}]},
+            {"serial": {"hex": "FF00"}, "label": "", "pinHash": pin_hash(0), "maxRetries": 10, "retriesLeft": 0,
              "loginState": 0, "ssoState": 0, "plugged": False, "nextIndex": 1,
              "keyPairs": [], "certificates": [], "secretKeys": []},
         ],
         "faults": {"orvane_signHash": {"remaining": 1, "code": 49}, "orvane_getKeyPairList": {"remaining": 0,
                                                                                               "code": 5}},
     }
+
+
+def old_store_document(document):
+    """The same state in the format from before secrets were protected: no "format", the PIN
+    and the key bytes in clear. The reader still takes it, once, to convert it."""
+    old = copy.deepcopy(document)
+    del old["format"]
+    for i, token in enumerate(old["tokens"]):
+        # The PIN where the writer put it, after the label.
+        fields = [(name, value) for name, value in token.items() if name != "pinHash"]
+        fields.insert(2, ("pin", "1234" if i == 0 else ""))
+        token = old["tokens"][i] = dict(fields)
+        for key in token["keyPairs"]:
+            del key["protectedPrivateKey"]
+            key["privateKey"] = "28372D6B65792D6461746129"
+        for secret in token["secretKeys"]:
+            del secret["protectedValue"]
+            secret["value"] = bytes(range(32)).hex().upper()
+    return old
 
 
 def field_paths(value, path=()):
@@ -387,13 +412,20 @@ def changed(document, path, change):
 
 def store_format(m):
     document = store_document(m)
+    old = old_store_document(document)
     seeds = {"state": json.dumps(document, indent=1).encode(),
              "state-compact": json.dumps(document, separators=(",", ":")).encode(),
+             "old-format-state": json.dumps(old, indent=1).encode(),
+             "newer-format": json.dumps(changed(document, ("format",), lambda p, k: p.__setitem__(k, 3))).encode(),
              "empty-state": b'{"generation": 0, "tokens": [], "faults": {}}',
              "not-json": b"{ not json", "truncated": json.dumps(document).encode()[:200],
              "array": b"[]", "null": b"null", "number": b"1e400"}
     wrong = {str: 12, int: "12", bool: 1, list: {}, dict: []}
-    for i, path in enumerate(p for p in field_paths(document) if p):
+    for i, path in enumerate([p for p in field_paths(document) if p] +
+                             [("old",) + p for p in field_paths(old["tokens"][0]) if p]):
+        source = document
+        if path[0] == "old":
+            source, path = old, ("tokens", 0) + path[1:]
         def drop(parent, key):
             if isinstance(parent, dict):
                 del parent[key]
@@ -404,8 +436,8 @@ def store_format(m):
             value = parent[key]
             parent[key] = wrong.get(type(value), "x")
 
-        seeds["missing-%d" % i] = json.dumps(changed(document, path, drop)).encode()
-        seeds["wrong-type-%d" % i] = json.dumps(changed(document, path, mistype)).encode()
+        seeds["missing-%d" % i] = json.dumps(changed(source, path, drop)).encode()
+        seeds["wrong-type-%d" % i] = json.dumps(changed(source, path, mistype)).encode()
     # Numbers that do not fit the fields, hex that is not hex, text objects without their hex.
     token = ("tokens", 0)
     for name, value in (("int-too-big", 2 ** 31), ("int-too-small", -2 ** 31 - 1), ("fraction", 1.5),

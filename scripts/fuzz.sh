@@ -52,7 +52,7 @@ parsers="encoding/KeyBlobs.cpp encoding/CngBlobs.cpp encoding/ProviderPropertyVa
 # header and fuzz file it could depend on.
 build() {
     target=$1 binary=$2; shift 2
-    if [ -x "$binary" ] && [ -z "$(find encoding softtoken/Asn1.* softtoken/Store.h softtoken/StoreFormat.* fuzz \
+    if [ -x "$binary" ] && [ -z "$(find encoding softtoken/Asn1.* softtoken/Store.h softtoken/StoreFormat.* token/SecretBytes.h fuzz \
             -newer "$binary" -name '*.[ch]*' 2>/dev/null | head -n 1)" ]; then
         return 0
     fi

@@ -8,6 +8,7 @@
 #include "softtoken/Asn1.h"
 #include "softtoken/Calls.h"
 #include "softtoken/Objects.h"
+#include "softtoken/Secrets.h"
 #include "softtoken/Status.h"
 #include "softtoken/Store.h"
 #include "softtoken/StoreFormat.h"
@@ -15,7 +16,7 @@
 namespace softtoken::admin {
 namespace {
 
-const Access kAdministrative{true, nullptr};
+const Access kAdministrative{true, PinCheck(nullptr)};
 
 // Text as the store keeps it: bytes that are not UTF-8 are shown as hex.
 nlohmann::ordered_json text(const std::string& value) {
@@ -41,12 +42,13 @@ std::string storeFolder() {
 int createToken(const std::string& serial, const std::string& label, const std::string& pin, int retries) {
     return shielded("createToken", static_cast<int>(kFailure), [&] {
         if (serial.empty() || retries < 1) return static_cast<int>(kBadArguments);
+        PinHash hashed = hashPin(pin.data(), pin.size());  // slow by design: not under the store's lock
         return updateStore([&](StoreState& state) {
             if (state.find(serial)) return static_cast<int>(kAlreadyExists);
             TokenRecord token;
             token.serial = serial;
             token.label = label;
-            token.pin = pin;
+            token.pin = hashed;
             token.maxRetries = token.retriesLeft = retries;
             state.tokens.push_back(token);
             return static_cast<int>(kOk);
@@ -76,8 +78,9 @@ int setPlugged(const std::string& serial, bool plugged) {
 int setPin(const std::string& serial, const std::string& pin, int retries) {
     return shielded("setPin", static_cast<int>(kFailure), [&] {
         if (retries < 1) return static_cast<int>(kBadArguments);
+        PinHash hashed = hashPin(pin.data(), pin.size());
         return changeToken(serial, [&](TokenRecord& token) {
-            token.pin = pin;
+            token.pin = hashed;
             token.maxRetries = token.retriesLeft = retries;
         });
     });
@@ -132,9 +135,8 @@ int importSecretKey(const std::string& serial, int keyType, const std::vector<un
     return shielded("importSecretKey", static_cast<int>(kFailure), [&] {
         SecretKeyRecord secret;
         secret.type = keyType;
-        secret.value = value;
         secret.label = label;
-        int result = addSecretKey(serial.c_str(), kAdministrative, secret);
+        int result = addSecretKey(serial.c_str(), kAdministrative, secret, orvane::SecretBuffer(value.begin(), value.end()));
         if (result == kOk) keyIdHex = orvane::toHex(secret.keyId);
         return result;
     });

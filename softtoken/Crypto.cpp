@@ -12,6 +12,7 @@
 
 #include "encoding/Hex.h"
 #include "softtoken/Asn1.h"
+#include "softtoken/Secrets.h"
 #include "softtoken/Status.h"
 
 namespace softtoken::crypto {
@@ -56,34 +57,29 @@ Bytes paddedValue(gcry_sexp_t sexp, const char* name, size_t width) {
     return value;
 }
 
-Sexp parseCanonical(const std::string& hex) {
-    Bytes canonical;
-    gcry_sexp_t sexp = nullptr;
-    if (!orvane::parseHex(hex, canonical) ||
-        gcry_sexp_new(&sexp, canonical.data(), canonical.size(), 1) != 0)
-        return nullptr;
-    return Sexp(sexp);
-}
-
 using SharedSexp = std::shared_ptr<gcry_sexp>;
 
-// Private keys parsed before, by their stored text: the same text is the same key, so an
-// entry never goes stale. libgcrypt only reads a key while using it, so threads may share one.
-SharedSexp parsedPrivateKey(const std::string& hex) {
-    static std::mutex mutex;
-    static std::map<std::string, SharedSexp> parsed;
+// Private keys parsed before, by their protected form: the same blob is the same key, so an
+// entry never goes stale, and a key is unprotected once per process, not per operation.
+// libgcrypt only reads a key while using it, so threads may share one.
+std::mutex parsedMutex;
+std::map<Bytes, SharedSexp> parsed;
+
+SharedSexp parsedPrivateKey(const Bytes& sealed) {
     const size_t kMaximum = 64;
     {
-        std::lock_guard<std::mutex> guard(mutex);
-        auto found = parsed.find(hex);
+        std::lock_guard<std::mutex> guard(parsedMutex);
+        auto found = parsed.find(sealed);
         if (found != parsed.end()) return found->second;
     }
-    Sexp fresh = parseCanonical(hex);
-    if (!fresh) return nullptr;
-    SharedSexp key(fresh.release(), SexpDeleter());
-    std::lock_guard<std::mutex> guard(mutex);
+    orvane::SecretBuffer canonical;
+    gcry_sexp_t sexp = nullptr;
+    if (!unprotectSecret(sealed, canonical) || gcry_sexp_new(&sexp, canonical.data(), canonical.size(), 1) != 0)
+        return nullptr;
+    SharedSexp key(sexp, SexpDeleter());
+    std::lock_guard<std::mutex> guard(parsedMutex);
     if (parsed.size() >= kMaximum) parsed.clear();
-    parsed.emplace(hex, key);
+    parsed.emplace(sealed, key);
     return key;
 }
 
@@ -147,16 +143,17 @@ Sexp publicKeySexp(const PublicKeyInfo& info) {
     return error ? nullptr : Sexp(key);
 }
 
-std::string canonicalHex(gcry_sexp_t sexp) {
+orvane::SecretBuffer canonicalForm(gcry_sexp_t sexp) {
     size_t length = gcry_sexp_sprint(sexp, GCRYSEXP_FMT_CANON, nullptr, 0);
-    Bytes canonical(length);
+    orvane::SecretBuffer canonical(length);
     gcry_sexp_sprint(sexp, GCRYSEXP_FMT_CANON, canonical.data(), canonical.size());
-    return orvane::toHex(canonical.data(), length);
+    canonical.resize(length);
+    return canonical;
 }
 
 }  // namespace
 
-int generateKeyPair(int keyType, Bytes& publicKey, std::string& privateKey) {
+int generateKeyPair(int keyType, Bytes& publicKey, Bytes& privateKey) {
     initialiseOnce();
     gcry_sexp_t parameters = nullptr;
     if (int bits = rsaBits(keyType))
@@ -178,11 +175,12 @@ int generateKeyPair(int keyType, Bytes& publicKey, std::string& privateKey) {
     } else {
         publicKey = encodeEcPublicKeyInfo(keyType, tokenData(privatePart.get(), "q"));
     }
-    privateKey = canonicalHex(privatePart.get());
+    orvane::SecretBuffer canonical = canonicalForm(privatePart.get());
+    if (!protectSecret(canonical.data(), canonical.size(), privateKey)) return kCryptoFailure;
     return kOk;
 }
 
-int signDigest(int keyType, const std::string& privateKey, const Bytes& digest, Bytes& signature) {
+int signDigest(int keyType, const Bytes& privateKey, const Bytes& digest, Bytes& signature) {
     initialiseOnce();
     SharedSexp key = parsedPrivateKey(privateKey);
     if (!key) return kCryptoFailure;
@@ -213,7 +211,7 @@ int signDigest(int keyType, const std::string& privateKey, const Bytes& digest, 
     return kOk;
 }
 
-int decrypt(const std::string& privateKey, const Bytes& cipher, Bytes& plain) {
+int decrypt(const Bytes& privateKey, const Bytes& cipher, Bytes& plain) {
     initialiseOnce();
     SharedSexp key = parsedPrivateKey(privateKey);
     if (!key) return kCryptoFailure;
@@ -313,14 +311,14 @@ Bytes hashDigest(void* hash, int mechanism) {
     return result;
 }
 
-int unwrapKey(const Bytes& kek, const Bytes& wrapped, Bytes& key) {
+int unwrapKey(const orvane::SecretBuffer& kek, const Bytes& wrapped, orvane::SecretBuffer& key) {
     initialiseOnce();
     int algorithm = kek.size() == 16 ? GCRY_CIPHER_AES128 : kek.size() == 24 ? GCRY_CIPHER_AES192
                   : kek.size() == 32 ? GCRY_CIPHER_AES256 : 0;
     if (algorithm == 0 || wrapped.size() < 24 || wrapped.size() % 8 != 0) return kBadArguments;
     gcry_cipher_hd_t cipher = nullptr;
     if (gcry_cipher_open(&cipher, algorithm, GCRY_CIPHER_MODE_AESWRAP, 0) != 0) return kCryptoFailure;
-    Bytes out(wrapped.size() - 8);
+    orvane::SecretBuffer out(wrapped.size() - 8);
     bool ok = gcry_cipher_setkey(cipher, kek.data(), kek.size()) == 0 &&
               gcry_cipher_decrypt(cipher, out.data(), out.size(), wrapped.data(), wrapped.size()) == 0;
     gcry_cipher_close(cipher);
@@ -346,6 +344,14 @@ int decryptSymmetric(const Bytes& key, const Bytes& iv, const Bytes& cipher, Byt
     if (!ok) return kCryptoFailure;
     plain.swap(out);
     return kOk;
+}
+
+bool derivePinHash(const char* pin, size_t length, const Bytes& salt, int iterations, unsigned char* out,
+                   size_t outLength) {
+    initialiseOnce();
+    return iterations > 0 && !salt.empty() &&
+           gcry_kdf_derive(pin, length, GCRY_KDF_PBKDF2, GCRY_MD_SHA256, salt.data(), salt.size(),
+                           static_cast<unsigned long>(iterations), outLength, out) == 0;
 }
 
 void randomBytes(unsigned char* buffer, size_t length) {

@@ -10,6 +10,7 @@
 #include "softtoken/Crypto.h"
 #include "softtoken/HashHandles.h"
 #include "softtoken/Objects.h"
+#include "softtoken/Secrets.h"
 #include "softtoken/Status.h"
 #include "softtoken/Store.h"
 #include "softtoken/ThreadLists.h"
@@ -50,7 +51,8 @@ int copyOut(const Bytes& result, unsigned char* buffer, int* length) {
     return kOk;
 }
 
-unsigned char* allocateCopy(const Bytes& bytes) {
+template <typename Buffer>
+unsigned char* allocateCopy(const Buffer& bytes) {
     unsigned char* copy = new unsigned char[bytes.empty() ? 1 : bytes.size()];
     if (!bytes.empty()) std::memcpy(copy, bytes.data(), bytes.size());
     return copy;
@@ -181,20 +183,26 @@ ORVANE_DSC_API int orvane_validatePassword(const char* serialNumber, const char*
         recordArguments("orvane_validatePassword", {{"userType", userType}});
         if (serialNumber == nullptr || pin == nullptr || remainingAttempts == nullptr || userType != 1)
             return static_cast<int>(kBadArguments);
-        if (int fault = consumeFault("orvane_validatePassword")) {
+        Snapshot before;
+        if (int fault = consumeFault("orvane_validatePassword", &before)) {
             Snapshot state = readStore();
             const TokenRecord* token = state->find(serialNumber);
             *remainingAttempts = token ? token->retriesLeft : 0;
             return fault;
         }
+        // The slow hash is made before the writers' lock; under it the check only compares,
+        // unless the PIN changed in between.
+        PinCheck check(pin);
+        if (const TokenRecord* token = before->find(serialNumber)) check.matches(token->pin);
         int outcome = kTokenNotPresent;
         int stored = updateStore([&](StoreState& state) {
             TokenRecord* token = state.find(serialNumber);
             if (token == nullptr || !token->plugged) return static_cast<int>(kTokenNotPresent);
             if (token->retriesLeft <= 0) {
                 outcome = kPinLocked;
-            } else if (token->pin == pin) {
+            } else if (check.matches(token->pin)) {
                 token->retriesLeft = token->maxRetries;
+                if (token->pin.iterations < kPinIterations) token->pin = hashPin(pin, std::strlen(pin));
                 outcome = kOk;
             } else {
                 --token->retriesLeft;
@@ -251,7 +259,7 @@ ORVANE_DSC_API int orvane_generateKeyPair(const char* serialNumber, const char* 
         key.usage = keyPair->keyUsage;
         key.flag = keyPair->tokenFlag;
         key.label.assign(keyPair->label, strnlen(keyPair->label, sizeof keyPair->label));
-        int result = addKeyPair(serialNumber, Access{false, pin}, key);
+        int result = addKeyPair(serialNumber, Access{false, PinCheck(pin)}, key);
         if (result == kOk) fillKeyPair(key, *keyPair);
         return result;
     });
@@ -266,7 +274,7 @@ ORVANE_DSC_API int orvane_deleteKeyPair(const char* serialNumber, const unsigned
         return updateStore([&](StoreState& state) {
             TokenRecord* token = state.find(serialNumber);
             if (token == nullptr || !token->plugged) return static_cast<int>(kTokenNotPresent);
-            if (int denied = authorise(*token, pin)) return denied;
+            if (int denied = authorise(*token, PinCheck(pin))) return denied;
             for (auto key = token->keyPairs.begin(); key != token->keyPairs.end(); ++key)
                 if (sameBytes(key->keyId, keyId, 16)) {
                     token->keyPairs.erase(key);
@@ -290,7 +298,7 @@ ORVANE_DSC_API int orvane_importCertificate(const char* serialNumber, const char
         if (linkLength > 0 && linkLength <= static_cast<int>(sizeof certificate->certLinkId))
             record.certLinkId.assign(certificate->certLinkId, certificate->certLinkId + linkLength);
         record.label.assign(certificate->label, strnlen(certificate->label, sizeof certificate->label));
-        int result = addCertificate(serialNumber, Access{false, pin}, record);
+        int result = addCertificate(serialNumber, Access{false, PinCheck(pin)}, record);
         if (result == kOk) fillCertificate(record, *certificate);
         return result;
     });
@@ -304,9 +312,9 @@ ORVANE_DSC_API int orvane_importAesKey(const char* serialNumber, const char* pin
         SecretKeyRecord secret;
         secret.type = key->keyType;
         secret.flag = key->keyFlag;
-        secret.value.assign(key->keyData, key->keyData + key->keyDataLength);
         secret.label.assign(key->label, strnlen(key->label, sizeof key->label));
-        int result = addSecretKey(serialNumber, Access{false, pin}, secret);
+        int result = addSecretKey(serialNumber, Access{false, PinCheck(pin)}, secret,
+                                  orvane::SecretBuffer(key->keyData, key->keyData + key->keyDataLength));
         if (result == kOk) fillSecretKey(secret, *key);
         return result;
     });
@@ -324,7 +332,7 @@ ORVANE_DSC_API int orvane_signHash(const char* serialNumber, const unsigned char
         if (int failed = openToken("orvane_signHash", serialNumber, state, token)) return failed;
         if (keyId == nullptr || hash == nullptr || hashLength <= 0 || signatureLength == nullptr)
             return static_cast<int>(kBadArguments);
-        if (int denied = authorise(*token, pin)) return denied;
+        if (int denied = authorise(*token, PinCheck(pin))) return denied;
         const KeyPairRecord* key = findKeyPair(*token, keyId);
         if (key == nullptr) return static_cast<int>(kObjectNotFound);
         Bytes result;
@@ -344,7 +352,7 @@ ORVANE_DSC_API int orvane_decrypt(const char* serialNumber, const unsigned char*
         if (int failed = openToken("orvane_decrypt", serialNumber, state, token)) return failed;
         if (keyId == nullptr || cipher == nullptr || cipherLength <= 0 || plain == nullptr || plainLength == nullptr)
             return static_cast<int>(kBadArguments);
-        if (int denied = authorise(*token, pin)) return denied;
+        if (int denied = authorise(*token, PinCheck(pin))) return denied;
         const KeyPairRecord* key = findKeyPair(*token, keyId);
         if (key == nullptr) return static_cast<int>(kObjectNotFound);
         if (key->type < ORVANE_KEY_RSA_1024 || key->type > ORVANE_KEY_RSA_4096) return static_cast<int>(kUnsupported);
@@ -391,8 +399,9 @@ ORVANE_DSC_API int orvane_decrypt_aes(const char* serialNumber, const unsigned c
             if (sameBytes(secret.reference, kekData, static_cast<size_t>(kekDataLength))) kek = &secret;
         if (kek == nullptr) return static_cast<int>(kObjectNotFound);
         if (kek->type != ORVANE_KEY_AES_128 && kek->type != ORVANE_KEY_AES_256) return static_cast<int>(kUnsupported);
-        Bytes result;
-        if (int failed = crypto::unwrapKey(kek->value, Bytes(wrapped, wrapped + wrappedLength), result)) return failed;
+        orvane::SecretBuffer kekValue, result;
+        if (!unprotectSecret(kek->value, kekValue)) return static_cast<int>(kCryptoFailure);
+        if (int failed = crypto::unwrapKey(kekValue, Bytes(wrapped, wrapped + wrappedLength), result)) return failed;
         *unwrapped = allocateCopy(result);
         *unwrappedLength = static_cast<int>(result.size());
         return static_cast<int>(kOk);

@@ -18,11 +18,11 @@ size_t secretKeyLength(int keyType) {
     }
 }
 
-int checkAccess(const TokenRecord& token, Access access) {
+int checkAccess(const TokenRecord& token, const Access& access) {
     return access.administrative ? static_cast<int>(kOk) : authorise(token, access.pin);
 }
 
-int updateToken(const char* serial, Access access, const std::function<int(TokenRecord&)>& change) {
+int updateToken(const char* serial, const Access& access, const std::function<int(TokenRecord&)>& change) {
     if (serial == nullptr) return kBadArguments;
     return updateStore([&](StoreState& state) {
         TokenRecord* token = state.find(serial);
@@ -46,18 +46,18 @@ std::string lastPinReceived() {
     return lastPin;
 }
 
-int authorise(const TokenRecord& token, const char* pin) {
+int authorise(const TokenRecord& token, const PinCheck& pin) {
     {
         std::lock_guard<std::mutex> guard(lastPinMutex);
-        lastPin = pin ? pin : "";
+        lastPin = pin.text() ? pin.text() : "";
     }
     if (token.signedOn()) return kOk;
     if (token.retriesLeft <= 0) return kPinLocked;
-    if (pin == nullptr || token.pin != pin) return kPinIncorrect;
+    if (!pin.matches(token.pin)) return kPinIncorrect;
     return kOk;
 }
 
-int addKeyPair(const char* serial, Access access, KeyPairRecord& key) {
+int addKeyPair(const char* serial, const Access& access, KeyPairRecord& key) {
     if (serial == nullptr) return kBadArguments;
     {
         // Refuse early: key generation can take seconds.
@@ -78,7 +78,7 @@ int addKeyPair(const char* serial, Access access, KeyPairRecord& key) {
     });
 }
 
-int addCertificate(const char* serial, Access access, CertificateRecord& record, Bytes* linkedKeyId) {
+int addCertificate(const char* serial, const Access& access, CertificateRecord& record, Bytes* linkedKeyId) {
     CertificateFields fields;
     Bytes publicKey;
     if (!parseCertificate(record.der, fields) || !tokenPublicKeyForm(fields.subjectPublicKeyInfo, publicKey))
@@ -97,9 +97,10 @@ int addCertificate(const char* serial, Access access, CertificateRecord& record,
     });
 }
 
-int addSecretKey(const char* serial, Access access, SecretKeyRecord& secret) {
+int addSecretKey(const char* serial, const Access& access, SecretKeyRecord& secret, const orvane::SecretBuffer& value) {
     size_t expected = secretKeyLength(secret.type);
-    if (expected == 0 || secret.value.size() != expected) return kBadArguments;
+    if (expected == 0 || value.size() != expected) return kBadArguments;
+    if (!protectSecret(value.data(), value.size(), secret.value)) return kCryptoFailure;
     secret.keyId = crypto::randomBytes(16);
     secret.reference = secret.keyId;
     return updateToken(serial, access, [&](TokenRecord& token) {

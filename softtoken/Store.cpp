@@ -1,11 +1,13 @@
 #include "softtoken/Store.h"
 
 #include <windows.h>
+#include <shlobj.h>
 
 #include <cstdio>
 #include <mutex>
 
 #include "softtoken/CommitWatch.h"
+#include "softtoken/Secrets.h"
 #include "softtoken/Status.h"
 #include "softtoken/StoreFiles.h"
 #include "softtoken/StoreFormat.h"
@@ -148,7 +150,7 @@ bool loadCurrent(const std::string& folder, Snapshot& out, bool underWriterLock 
             if (read == ReadResult::kGone) continue;
             StoreState parsed;
             std::string reason = "read failed";
-            if (read != ReadResult::kOk || !parseStoreText(content, parsed, reason)) {
+            if (read != ReadResult::kOk || !readStateText(content, parsed, reason)) {
                 std::fprintf(stderr, "soft token: store %s is unreadable (%s): %s\n", folder.c_str(),
                              newest.name.c_str(), reason.c_str());
                 return false;
@@ -219,13 +221,23 @@ std::string storeFolder() {
     char buffer[MAX_PATH];
     DWORD length = GetEnvironmentVariableA("ORVANE_TOKEN_STORE", buffer, sizeof buffer);
     if (length > 0 && length < sizeof buffer) return std::string(buffer, length);
-    length = GetEnvironmentVariableA("ProgramData", buffer, sizeof buffer);
-    std::string base = (length > 0 && length < sizeof buffer) ? std::string(buffer, length) : "C:\\ProgramData";
-    return base + "\\Orvane\\SoftToken";
+    // The user's own profile: its access list keeps other users out.
+    if (SHGetFolderPathA(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, buffer) != S_OK) return std::string();
+    return std::string(buffer) + "\\Orvane\\SoftToken";
 }
 
 bool readStore(Snapshot& state) {
-    if (loadCurrent(storeFolder(), state)) return true;
+    std::string folder = storeFolder();
+    if (loadCurrent(folder, state)) {
+        // A store of the old format is written again at once, in the new one.
+        if (state->legacy && updateStore([](StoreState& fresh) {
+                if (!fresh.legacy) return static_cast<int>(kAlreadyExists);
+                fresh.legacy = false;
+                return static_cast<int>(kOk);
+            }) == kOk)
+            loadCurrent(folder, state);
+        return true;
+    }
     state = emptyState();
     return false;
 }

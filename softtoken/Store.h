@@ -23,9 +23,21 @@
 #include <string>
 #include <vector>
 
+#include "token/SecretBytes.h"
+
 namespace softtoken {
 
 using Bytes = std::vector<unsigned char>;
+
+// Secrets as the store keeps them: the PIN only as PBKDF2-HMAC-SHA256 under a salt of the
+// token's own, key bytes only as DPAPI blobs of the user who stored them (softtoken/Secrets.h).
+// The legacy fields hold what a store of the old format kept in clear, from its reading until
+// Secrets protects it; the state file never holds them.
+struct PinHash {
+    Bytes salt;
+    int iterations = 0;
+    Bytes hash;
+};
 
 struct KeyPairRecord {
     int index = 0;
@@ -36,7 +48,8 @@ struct KeyPairRecord {
     int flag = 0;
     Bytes certLinkId;
     Bytes publicKey;         // bare big-endian modulus (RSA) or DER SubjectPublicKeyInfo (EC)
-    std::string privateKey;  // libgcrypt canonical s-expression, hex
+    Bytes privateKey;        // protected libgcrypt canonical s-expression
+    orvane::SecretBuffer legacyPrivateKey;
 };
 
 struct CertificateRecord {
@@ -53,13 +66,15 @@ struct SecretKeyRecord {
     std::string label;
     int type = 0;
     bool flag = false;
-    Bytes value;
+    Bytes value;  // protected
+    orvane::SecretBuffer legacyValue;
 };
 
 struct TokenRecord {
     std::string serial;
     std::string label;
-    std::string pin;
+    PinHash pin;
+    orvane::SecretBytes legacyPin;
     int maxRetries = 10;
     int retriesLeft = 10;
     int loginState = 0;
@@ -82,6 +97,8 @@ struct StoreState {
     uint64_t generation = 0;
     std::vector<TokenRecord> tokens;  // in creation order, which is the connected-list order
     std::map<std::string, FaultRecord> faults;
+    // Read from a store of the old format: its secrets are in the legacy fields.
+    bool legacy = false;
 
     TokenRecord* find(const std::string& serial);
     const TokenRecord* find(const std::string& serial) const;
@@ -89,7 +106,7 @@ struct StoreState {
     const TokenRecord* connected(const char* serial) const;
 };
 
-// The folder named by ORVANE_TOKEN_STORE, else %ProgramData%\Orvane\SoftToken.
+// The folder named by ORVANE_TOKEN_STORE, else the user's own %LOCALAPPDATA%\Orvane\SoftToken.
 std::string storeFolder();
 
 // The last committed state, shared read-only: unchanged stores cost a look at the commit count only.

@@ -43,6 +43,7 @@ uint64_t generationOf(const std::string& stateFileName) {
 }
 
 bool createFolders(const std::string& path) {
+    if (path.empty()) return false;  // no folder could be named: never the current drive's root
     for (size_t i = 0; i <= path.size(); ++i) {
         if (i == path.size() || path[i] == '\\' || path[i] == '/') {
             std::string prefix = path.substr(0, i);
@@ -57,6 +58,7 @@ bool createFolders(const std::string& path) {
 
 bool findNewest(const std::string& folder, Newest& newest, std::vector<std::string>* older) {
     newest = Newest{};
+    if (folder.empty()) return false;
     std::vector<std::string> names;
     WIN32_FIND_DATAA found;
     HANDLE search = FindFirstFileA((folder + "\\" + kStatePrefix + "*" + kStateSuffix).c_str(), &found);
@@ -101,7 +103,11 @@ ReadResult readWhole(const std::string& path, std::string& content) {
 
 bool commit(const std::string& folder, uint64_t generation, const std::string& content) {
     std::string temporary = folder + kTemporaryFile;
-    HANDLE file = CreateFileA(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    // A new file, never one already there: a link left in the temporary file's place is removed
+    // (not followed), and one made in between makes the creation fail.
+    DeleteFileA(temporary.c_str());
+    HANDLE file = CreateFileA(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                              FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
     if (file == INVALID_HANDLE_VALUE) return false;
     DWORD written = 0;
     bool ok = WriteFile(file, content.data(), static_cast<DWORD>(content.size()), &written, nullptr) &&

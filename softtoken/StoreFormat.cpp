@@ -20,6 +20,9 @@ json textField(const std::string& text) {
     return json{{"hex", orvane::toHex(reinterpret_cast<const unsigned char*>(text.data()), text.size())}};
 }
 
+// The format this writer writes. Files without "format" come from before secrets were protected.
+const int kFormat = 2;
+
 json toJson(const StoreState& state) {
     json tokens = json::array();
     for (const TokenRecord& token : state.tokens) {
@@ -28,7 +31,7 @@ json toJson(const StoreState& state) {
             keyPairs.push_back({{"index", k.index}, {"keyId", bytesToText(k.keyId)}, {"label", textField(k.label)},
                                 {"usage", k.usage}, {"type", k.type}, {"flag", k.flag},
                                 {"certLinkId", bytesToText(k.certLinkId)}, {"publicKey", bytesToText(k.publicKey)},
-                                {"privateKey", k.privateKey}});
+                                {"protectedPrivateKey", bytesToText(k.privateKey)}});
         json certificates = json::array();
         for (const CertificateRecord& c : token.certificates)
             certificates.push_back({{"index", c.index}, {"der", bytesToText(c.der)},
@@ -37,9 +40,11 @@ json toJson(const StoreState& state) {
         for (const SecretKeyRecord& s : token.secretKeys)
             secretKeys.push_back({{"index", s.index}, {"keyId", bytesToText(s.keyId)},
                                   {"reference", bytesToText(s.reference)}, {"label", textField(s.label)},
-                                  {"type", s.type}, {"flag", s.flag}, {"value", bytesToText(s.value)}});
+                                  {"type", s.type}, {"flag", s.flag}, {"protectedValue", bytesToText(s.value)}});
+        json pin = {{"salt", bytesToText(token.pin.salt)}, {"iterations", token.pin.iterations},
+                    {"hash", bytesToText(token.pin.hash)}};
         tokens.push_back({{"serial", textField(token.serial)}, {"label", textField(token.label)},
-                          {"pin", textField(token.pin)}, {"maxRetries", token.maxRetries},
+                          {"pinHash", pin}, {"maxRetries", token.maxRetries},
                           {"retriesLeft", token.retriesLeft}, {"loginState", token.loginState},
                           {"ssoState", token.ssoState}, {"plugged", token.plugged}, {"nextIndex", token.nextIndex},
                           {"keyPairs", keyPairs}, {"certificates", certificates}, {"secretKeys", secretKeys}});
@@ -47,7 +52,7 @@ json toJson(const StoreState& state) {
     json faults = json::object();
     for (const auto& [operation, fault] : state.faults)
         faults[operation] = {{"remaining", fault.remaining}, {"code", fault.code}};
-    return {{"generation", state.generation}, {"tokens", tokens}, {"faults", faults}};
+    return {{"format", kFormat}, {"generation", state.generation}, {"tokens", tokens}, {"faults", faults}};
 }
 
 // The reading of a state document. Every field must be there with its type and range; the
@@ -58,6 +63,11 @@ public:
 
     bool state(const json& document, StoreState& state) {
         if (!document.is_object()) return refuse("", "not an object");
+        state.legacy = document.find("format") == document.end();
+        legacy_ = state.legacy;
+        int format = 0;
+        if (!legacy_ && !integer(document, "format", "", format)) return false;
+        if (!legacy_ && format != kFormat) return refuse("format", "not a format this token reads");
         const json* tokens = nullptr;
         const json* faults = nullptr;
         if (!generation(document, state.generation) || !array(document, "tokens", "", tokens) ||
@@ -85,7 +95,7 @@ private:
         if (!t.is_object()) return refuse(where, "not an object");
         const json *keyPairs = nullptr, *certificates = nullptr, *secretKeys = nullptr;
         if (!text(t, "serial", where, token.serial) || !text(t, "label", where, token.label) ||
-            !text(t, "pin", where, token.pin) || !integer(t, "maxRetries", where, token.maxRetries) ||
+            !pin(t, where, token) || !integer(t, "maxRetries", where, token.maxRetries) ||
             !integer(t, "retriesLeft", where, token.retriesLeft) || !integer(t, "loginState", where, token.loginState) ||
             !integer(t, "ssoState", where, token.ssoState) || !boolean(t, "plugged", where, token.plugged) ||
             !integer(t, "nextIndex", where, token.nextIndex) || !array(t, "keyPairs", where, keyPairs) ||
@@ -99,7 +109,8 @@ private:
             if (!integer(k, "index", at, key.index) || !hex(k, "keyId", at, key.keyId) || !text(k, "label", at, key.label) ||
                 !integer(k, "usage", at, key.usage) || !integer(k, "type", at, key.type) ||
                 !integer(k, "flag", at, key.flag) || !hex(k, "certLinkId", at, key.certLinkId) ||
-                !hex(k, "publicKey", at, key.publicKey) || !string(k, "privateKey", at, key.privateKey))
+                !hex(k, "publicKey", at, key.publicKey) ||
+                !secret(k, "privateKey", "protectedPrivateKey", at, key.legacyPrivateKey, key.privateKey))
                 return false;
             token.keyPairs.push_back(std::move(key));
         }
@@ -121,11 +132,37 @@ private:
             if (!integer(s, "index", at, secret.index) || !hex(s, "keyId", at, secret.keyId) ||
                 !hex(s, "reference", at, secret.reference) || !text(s, "label", at, secret.label) ||
                 !integer(s, "type", at, secret.type) || !boolean(s, "flag", at, secret.flag) ||
-                !hex(s, "value", at, secret.value))
+                !this->secret(s, "value", "protectedValue", at, secret.legacyValue, secret.value))
                 return false;
             token.secretKeys.push_back(std::move(secret));
         }
         return true;
+    }
+
+    // The PIN: in clear in the old format, else its hash.
+    bool pin(const json& t, const std::string& where, TokenRecord& token) {
+        if (legacy_) {
+            std::string clear;
+            if (!text(t, "pin", where, clear)) return false;
+            token.legacyPin = orvane::SecretBytes(std::move(clear));
+            return true;
+        }
+        const json* value = nullptr;
+        if (!member(t, "pinHash", where, value)) return false;
+        std::string at = where + ".pinHash";
+        if (!value->is_object()) return refuse(at, "not an object");
+        return hex(*value, "salt", at, token.pin.salt) && integer(*value, "iterations", at, token.pin.iterations) &&
+               hex(*value, "hash", at, token.pin.hash);
+    }
+
+    // Key bytes: hex in clear in the old format, else the hex of their protected form.
+    bool secret(const json& object, const char* legacyName, const char* name, const std::string& where,
+                orvane::SecretBuffer& legacy, Bytes& protectedBytes) {
+        if (!legacy_) return hex(object, name, where, protectedBytes);
+        Bytes clear;
+        bool read = hex(object, legacyName, where, clear);
+        legacy = orvane::takeSecret(std::move(clear));
+        return read;
     }
 
     bool refuse(const std::string& where, const char* what) {
@@ -184,14 +221,6 @@ private:
         return true;
     }
 
-    bool string(const json& object, const char* name, const std::string& where, std::string& out) {
-        const json* value = nullptr;
-        if (!member(object, name, where, value)) return false;
-        if (!value->is_string()) return refuse(where, name, "not a string");
-        out = value->get_ref<const std::string&>();
-        return true;
-    }
-
     bool hex(const json& object, const char* name, const std::string& where, Bytes& out) {
         const json* value = nullptr;
         if (!member(object, name, where, value)) return false;
@@ -216,6 +245,7 @@ private:
     }
 
     std::string& reason_;
+    bool legacy_ = false;
 };
 
 }  // namespace

@@ -13,11 +13,13 @@ namespace softtoken {
 // text that is not UTF-8 is stored as its bytes in hex and still comes back byte for byte.
 bool isUtf8(const std::string& text);
 
-// The state as the state file holds it.
+// The state as the state file holds it: secrets only in their protected form, never the
+// legacy fields.
 std::string formatStoreText(const StoreState& state);
 
 // A state file's text to the state it holds. False, with the reason, for text that is not a
-// whole state: the caller reports it and builds nothing on it.
+// whole state: the caller reports it and builds nothing on it. A file of the old format
+// (no "format") comes back with state.legacy set and its clear secrets in the legacy fields.
 bool parseStoreText(const std::string& text, StoreState& state, std::string& reason);
 
 }  // namespace softtoken

@@ -141,11 +141,12 @@ step "Install $version with INSTALLSOFTTOKEN=1"
 msiexec /i "$(winpath "$msi")" /qn INSTALLSOFTTOKEN=1 /l*v "$(winpath "$work/install.log")"
 provider_in_place
 soft_token_in_place
+expect "no machine-wide token store" no_file "$WINEPREFIX/drive_c/ProgramData/Orvane"
 expect "product $version installed" [ "$(installed_version "$product")" = "$version" ]
 expect "DllUnregisterServer ran at removal, DllRegisterServer again at install" counts_are 1 2
 
 step "A token provisioned with the installed orvane-token, checked through the registered provider"
-token create DEPLOY-0001 --label "Deploy test token" --pin 1234 --retries 5 >/dev/null
+echo 1234 | token create DEPLOY-0001 --label "Deploy test token" --pin-stdin --retries 5 >/dev/null
 key=$(token genkey DEPLOY-0001 rsa2048 --label "Deploy test key" --usage 3)
 token export-pub DEPLOY-0001 "$key" "$work/key.pub.der" >/dev/null
 openssl req -x509 -new -newkey rsa:2048 -nodes -keyout "$work/ca.key" -subj "/CN=Orvane Deploy Test CA" \

@@ -307,8 +307,8 @@ TEST(SoftTokenPin, WrongPinCountsDownLocksAndBlocksPrivateKeyUse) {
 
 TEST(SoftTokenDevices, PlugStateAndFaultsSetByAnotherProcessApplyAtOnce) {
     useFreshStore("devices");
-    ASSERT_EQ(0, runTool("create DEV-A --pin 1111"));
-    ASSERT_EQ(0, runTool("create DEV-B --pin 2222"));
+    ASSERT_EQ(0, runTool("create DEV-A --pin-stdin", "1111\n"));
+    ASSERT_EQ(0, runTool("create DEV-B --pin-stdin", "2222\n"));
     EXPECT_EQ((std::vector<std::string>{"DEV-A", "DEV-B"}), orvane_getConnectedDeviceList(false, nullptr));
 
     ASSERT_EQ(0, runTool("unplug DEV-A"));
@@ -330,12 +330,12 @@ TEST(SoftTokenDevices, PlugStateAndFaultsSetByAnotherProcessApplyAtOnce) {
 
 TEST(SoftTokenStore, AFolderRemovedAndMadeAgainUnderTheSameNameIsReadAfresh) {
     useFreshStore("remade");
-    ASSERT_EQ(0, runTool("create OLD-1 --pin 1111"));
+    ASSERT_EQ(0, runTool("create OLD-1 --pin-stdin", "1111\n"));
     EXPECT_EQ(std::vector<std::string>{"OLD-1"}, orvane_getConnectedDeviceList(false, nullptr));
 
     useFreshStore("remade");
     EXPECT_TRUE(orvane_getConnectedDeviceList(false, nullptr).empty()) << "the old folder's state was kept";
-    ASSERT_EQ(0, runTool("create NEW-1 --pin 1111"));
+    ASSERT_EQ(0, runTool("create NEW-1 --pin-stdin", "1111\n"));
     ASSERT_EQ(0, runTool("unplug NEW-1"));
     EXPECT_TRUE(orvane_getConnectedDeviceList(false, nullptr).empty()) << "a change in the new folder went unseen";
 }

@@ -16,12 +16,13 @@ using softtoken::StoreState;
 
 // Shaped as the token writes its state (one-space indent, fields in the writer's order).
 const std::string kWritten = R"({
+ "format": 2,
  "generation": 12,
  "tokens": [
   {
    "serial": "DEV-1",
    "label": {"hex": "C4E4D6"},
-   "pin": "1234",
+   "pinHash": {"salt": "5A5A", "iterations": 10000, "hash": "C0FFEE"},
    "maxRetries": 5,
    "retriesLeft": 4,
    "loginState": 1,
@@ -30,14 +31,14 @@ const std::string kWritten = R"({
    "nextIndex": 4,
    "keyPairs": [
     {"index": 1, "keyId": "000102030405060708090A0B0C0D0E0F", "label": "Signing key", "usage": 3, "type": 2,
-     "flag": 0, "certLinkId": "000102030405060708090A0B0C0D0E0F", "publicKey": "C3A1", "privateKey": "2829"}
+     "flag": 0, "certLinkId": "000102030405060708090A0B0C0D0E0F", "publicKey": "C3A1", "protectedPrivateKey": "0100DD"}
    ],
    "certificates": [
     {"index": 2, "der": "3003020101", "certLinkId": "000102030405060708090A0B0C0D0E0F", "label": "Signing key"}
    ],
    "secretKeys": [
     {"index": 3, "keyId": "F0F1", "reference": "F0F1", "label": "KEK", "type": 10, "flag": true,
-     "value": "00112233445566778899AABBCCDDEEFF00112233445566778899AABBCCDDEEFF"}
+     "protectedValue": "0100EE"}
    ]
   }
  ],
@@ -57,7 +58,7 @@ std::string replaced(std::initializer_list<std::pair<std::string, std::string>> 
 
 std::string replaced(const std::string& from, const std::string& to) { return replaced({{from, to}}); }
 
-TEST(StoreFormat, ReadsTheStateAsTheTokenWritesIt) {
+TEST(StoreFormat, ReadsTheStateAsTheTokenWritesItAndTheOldFormatWithItsSecretsSetApart) {
     StoreState state;
     std::string reason;
     ASSERT_TRUE(softtoken::parseStoreText(kWritten, state, reason)) << reason;
@@ -72,12 +73,31 @@ TEST(StoreFormat, ReadsTheStateAsTheTokenWritesIt) {
     ASSERT_EQ(1u, token.keyPairs.size());
     EXPECT_EQ("000102030405060708090A0B0C0D0E0F", orvane::toHex(token.keyPairs[0].keyId));
     EXPECT_EQ("C3A1", orvane::toHex(token.keyPairs[0].publicKey));
+    EXPECT_EQ("0100DD", orvane::toHex(token.keyPairs[0].privateKey));
     ASSERT_EQ(1u, token.certificates.size());
     EXPECT_EQ("3003020101", orvane::toHex(token.certificates[0].der));
     ASSERT_EQ(1u, token.secretKeys.size());
     EXPECT_TRUE(token.secretKeys[0].flag);
-    EXPECT_EQ(32u, token.secretKeys[0].value.size());
+    EXPECT_EQ("0100EE", orvane::toHex(token.secretKeys[0].value));
+    EXPECT_EQ(10000, token.pin.iterations);
+    EXPECT_EQ("C0FFEE", orvane::toHex(token.pin.hash));
     EXPECT_EQ(49, state.faults.at("orvane_signHash").code);
+    EXPECT_FALSE(state.legacy);
+
+    // The old format kept the PIN and the key bytes in clear: they are read apart, for the store
+    // to protect, and never written back.
+    std::string old = replaced({{" \"format\": 2,\n", ""},
+                                {R"("pinHash": {"salt": "5A5A", "iterations": 10000, "hash": "C0FFEE"})", R"("pin": "8642")"},
+                                {R"("protectedPrivateKey": "0100DD")", R"("privateKey": "28377761")"},
+                                {R"("protectedValue": "0100EE")", R"("value": "00112233445566778899AABBCCDDEEFF")"}});
+    ASSERT_TRUE(softtoken::parseStoreText(old, state, reason)) << reason;
+    EXPECT_TRUE(state.legacy);
+    EXPECT_STREQ("8642", state.tokens[0].legacyPin.c_str());
+    EXPECT_EQ(4u, state.tokens[0].keyPairs[0].legacyPrivateKey.size());
+    EXPECT_EQ(16u, state.tokens[0].secretKeys[0].legacyValue.size());
+    std::string written = softtoken::formatStoreText(state);
+    for (const char* clear : {"8642", "28377761", "00112233445566778899AABBCCDDEEFF"})
+        EXPECT_EQ(std::string::npos, written.find(clear)) << clear;
 }
 
 TEST(StoreFormat, RefusesDamageNamingTheField) {
@@ -108,6 +128,8 @@ TEST(StoreFormat, RefusesDamageNamingTheField) {
         {"a list of strings for tokens", "{\"generation\": 1, \"tokens\": [\"DEV-1\"], \"faults\": {}}",
          "tokens[0]: not an object"},
         {"no faults", "{\"generation\": 1, \"tokens\": []}", "faults: missing"},
+        {"a newer format", replaced("\"format\": 2", "\"format\": 3"), "format: not a format this token reads"},
+        {"a PIN in clear in the new format", replaced("\"pinHash\"", "\"pin\""), "tokens[0].pinHash: missing"},
         {"a list for the document", "[]", "not an object"},
     };
     for (const Case& c : cases) {

@@ -103,8 +103,13 @@ HostResult runHost(const std::string& script) {
     return result;
 }
 
-int runTool(const std::string& arguments) {
-    return runCommand("\"" + windowsPath(environment("ORVANE_BIN")) + "\\orvane-token.exe\" " + arguments);
+int runTool(const std::string& arguments, const std::string& input) {
+    if (input.empty())
+        return runCommand("\"" + windowsPath(environment("ORVANE_BIN")) + "\\orvane-token.exe\" " + arguments);
+    static int runs = 0;
+    std::string stem = workDir() + "/tool-" + std::to_string(++runs);
+    writeText(stem + ".in", input);
+    return finish(startProgram("orvane-token.exe", arguments, stem + ".out", stem + ".in"));
 }
 
 int runCommand(const std::string& commandLine) {

@@ -28,8 +28,9 @@ HostResult runHost(const std::string& script);
 
 // Runs a Windows command line as a separate process and returns its exit code (-1: it did not start).
 int runCommand(const std::string& commandLine);
-// Runs the provisioning tool as a separate Windows process and returns its exit code.
-int runTool(const std::string& arguments);
+// Runs the provisioning tool as a separate Windows process, with input (a PIN line for
+// --pin-stdin) on its standard input when given, and returns its exit code.
+int runTool(const std::string& arguments, const std::string& input = "");
 // Starts a program of the build's bin folder (or a Windows path to one elsewhere) as a separate process with its stdout and stderr
 // in outputFile (a Unix path) and, when inputFile is given, its stdin read from that file.
 // Returns the process handle (a HANDLE), null when it did not start.

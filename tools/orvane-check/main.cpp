@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "tools/common/PinInput.h"
 #include "tools/orvane-check/Checks.h"
 
 namespace check {
@@ -88,25 +89,6 @@ int usageError(const std::string& problem) {
     return 2;
 }
 
-// One line of standard input without its line end; false when there is none. On a console
-// the prompt goes to the error stream and the typed characters are not echoed.
-bool readPinLine(bool prompt, std::string& pin) {
-    HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
-    DWORD mode = 0;
-    bool console = prompt && GetConsoleMode(input, &mode);
-    if (prompt) std::fprintf(stderr, "PIN: ");
-    if (console) SetConsoleMode(input, mode & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
-    pin.clear();
-    bool any = false;
-    for (int c = std::fgetc(stdin); c != EOF && c != '\n'; c = std::fgetc(stdin)) {
-        any = true;
-        if (c != '\r') pin.push_back(static_cast<char>(c));
-    }
-    if (console) SetConsoleMode(input, mode);
-    if (prompt) std::fprintf(stderr, "\n");
-    return any && !pin.empty();
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -121,11 +103,10 @@ int main(int argc, char** argv) {
             options.write = true;
         } else if (argument == "--pin-stdin" || argument == "--ask-pin") {
             if (options.pinGiven) return usageError("the PIN is read once: give --pin-stdin or --ask-pin, not both");
-            if (!readPinLine(argument == "--ask-pin", options.pin)) return usageError("no PIN on standard input");
+            if (!tools::readPinLine(argument == "--ask-pin", options.pin)) return usageError("no PIN on standard input");
             options.pinGiven = true;
         } else if (argument == "--pin") {
-            return usageError("--pin is not taken: a PIN on the command line stays in process listings and shell "
-                              "history. Give it on standard input with --pin-stdin, or type it with --ask-pin");
+            return usageError(tools::pinOnCommandLineRefusal());
         } else {
             return usageError("unknown argument \"" + argument + "\"");
         }
