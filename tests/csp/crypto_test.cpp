@@ -1,6 +1,8 @@
 // Signing, verification, encryption and decryption through Wine's advapi32, with a token
 // that is signed on (no PIN dialog). Results are checked by OpenSSL on the host and by the
-// token library itself at the byte-order boundary.
+// token library itself at the byte-order boundary. Also call sequences that once crashed or
+// corrupted the host (every heap must validate after each test), and crypt32 making a
+// certificate with a token key as real applications do.
 #include <windows.h>
 #include <psapi.h>
 #include <wincrypt.h>
@@ -12,6 +14,7 @@
 #include "encoding/Hex.h"
 #include "softtoken/SoftTokenAdmin.h"
 #include "tests/support/Blobs.h"
+#include "tests/support/KspHarness.h"
 #include "tests/support/Matchers.h"
 #include "tests/support/ProviderSupport.h"
 #include "tests/support/TestSupport.h"
@@ -23,6 +26,24 @@ namespace admin = softtoken::admin;
 namespace {
 
 const char kSerial[] = "CRYPTO-1";
+const char kSha1OfAbc[] = "A9993E364706816ABA3E25717850C26C9CD0D89D";
+const char kSha256OfAbc[] = "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD";
+const char kSha256OfAbcdef[] = "BEF57EC7F53A6D40BEB640A780A639C83BC29AC8A9816F1FC6C5C6DCD93C4721";
+
+bool everyHeapValidates() {
+    HANDLE heaps[256];
+    DWORD count = GetProcessHeaps(256, heaps);
+    for (DWORD i = 0; i < count && i < 256; ++i)
+        if (!HeapValidate(heaps[i], 0, nullptr)) return false;
+    return count > 0;
+}
+
+std::string hashValue(HCRYPTHASH hash) {
+    BYTE value[32];
+    DWORD size = sizeof value;
+    EXPECT_TRUE(CryptGetHashParam(hash, HP_HASHVAL, value, &size, 0)) << std::hex << GetLastError();
+    return orvane::toHex(value, size);
+}
 
 class CspCryptoTest : public ::testing::Test {
 protected:
@@ -33,6 +54,7 @@ protected:
         ec256_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_EC_P256, 1);
         ec384_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_EC_P384, 1);
     }
+    void TearDown() override { EXPECT_TRUE(everyHeapValidates()); }
 
     static ProvisionedKey rsa2048_, rsa3072_, ec256_, ec384_;
 };
@@ -177,6 +199,104 @@ TEST_F(CspCryptoTest, KeyCertificateComesFromTheToken) {
     ASSERT_TRUE(CryptGetKeyParam(key, KP_CERTIFICATE, certificate.data(), &size, 0));
     EXPECT_EQ(expected, certificate);
     CryptDestroyKey(key);
+}
+
+TEST_F(CspCryptoTest, SelfSignedCertificateForATokenKeyVerifiesWithOpenSsl) {
+    CERT_NAME_BLOB subject{};
+    const char* name = "CN=Orvane self-signed";
+    ASSERT_TRUE(CertStrToNameA(X509_ASN_ENCODING, name, CERT_X500_NAME_STR, nullptr, nullptr, &subject.cbData, nullptr));
+    Bytes subjectBytes(subject.cbData);
+    subject.pbData = subjectBytes.data();
+    ASSERT_TRUE(CertStrToNameA(X509_ASN_ENCODING, name, CERT_X500_NAME_STR, nullptr, subject.pbData, &subject.cbData,
+                               nullptr));
+    // Key provider information as a certificate store keeps it for a token key.
+    std::wstring containerName = widen(rsa2048_.keyId), providerName = widen(kProviderName);
+    CRYPT_KEY_PROV_INFO info{};
+    info.pwszContainerName = &containerName[0];
+    info.pwszProvName = &providerName[0];
+    info.dwProvType = PROV_RSA_FULL;
+    info.dwKeySpec = AT_SIGNATURE;
+    CRYPT_ALGORITHM_IDENTIFIER algorithm{};
+    algorithm.pszObjId = const_cast<char*>(szOID_RSA_SHA256RSA);
+
+    // The application holds a context on the container, as certificate enrolment tools do.
+    ContextHandle container(rsa2048_.keyId);
+    PCCERT_CONTEXT certificate =
+        CertCreateSelfSignCertificate(container, &subject, 0, &info, &algorithm, nullptr, nullptr, nullptr);
+    ASSERT_NE(nullptr, certificate) << std::hex << GetLastError();
+    writeFile(workDir() + "/self.der",
+              Bytes(certificate->pbCertEncoded, certificate->pbCertEncoded + certificate->cbCertEncoded));
+    CertFreeCertificateContext(certificate);
+
+    // The certificate carries the token key and is signed by it.
+    HostResult host = runHost(
+        "openssl x509 -inform DER -in self.der -out self.pem && openssl verify -CAfile self.pem self.pem && "
+        "openssl x509 -in self.pem -pubkey -noout | openssl pkey -pubin -outform DER -out self-key.der && "
+        "cmp self-key.der " + rsa2048_.keyId + ".pub.der && echo same-key");
+    EXPECT_NE(std::string::npos, host.output.find("self.pem: OK")) << host.output;
+    EXPECT_NE(std::string::npos, host.output.find("same-key")) << host.output;
+}
+
+TEST_F(CspCryptoTest, DigestCanBeAskedForAfterTheHashWasSigned) {
+    ContextHandle container(rsa2048_.keyId);
+    // Signing finishes the library hash; reading the value finishes it once more.
+    HCRYPTHASH hash = container.hash(CALG_SHA1, "abc");
+    container.sign(hash);
+    EXPECT_EQ(kSha1OfAbc, hashValue(hash));
+    EXPECT_TRUE(CryptDestroyHash(hash));
+
+    // After signing, the hash object answers for the key's type (2 for RSA-2048), whose digest
+    // size is SHA-1's: the token refuses to put a SHA-256 digest in 20 bytes, and says so.
+    hash = container.hash(CALG_SHA_256, "abc");
+    container.sign(hash);
+    BYTE value[20];
+    DWORD size = sizeof value;
+    EXPECT_TRUE(failsWith(CryptGetHashParam(hash, HP_HASHVAL, value, &size, 0), NTE_FAIL));
+    EXPECT_TRUE(CryptHashData(hash, reinterpret_cast<const BYTE*>("more"), 4, 0)) << std::hex << GetLastError();
+    EXPECT_TRUE(CryptDestroyHash(hash));
+}
+
+TEST_F(CspCryptoTest, DataAfterTheDigestIsAcceptedAndLeavesTheDigestAlone) {
+    ContextHandle container(rsa2048_.keyId);
+    HCRYPTHASH hash = container.hash(CALG_SHA_256, "abc");
+    BYTE small[10];
+    DWORD size = sizeof small;
+    EXPECT_TRUE(failsWith(CryptGetHashParam(hash, HP_HASHVAL, small, &size, 0), ERROR_MORE_DATA));
+    EXPECT_TRUE(CryptHashData(hash, reinterpret_cast<const BYTE*>("def"), 3, 0)) << std::hex << GetLastError();
+    EXPECT_EQ(kSha256OfAbc, hashValue(hash));
+    EXPECT_TRUE(CryptHashData(hash, reinterpret_cast<const BYTE*>("def"), 3, 0)) << std::hex << GetLastError();
+    // Signing a hash whose value was read signs that value; the library hash kept the later data.
+    container.sign(hash);
+    EXPECT_TRUE(CryptDestroyHash(hash));
+
+    hash = container.hash(CALG_SHA_256, "abc");
+    EXPECT_TRUE(CryptHashData(hash, reinterpret_cast<const BYTE*>("def"), 3, 0));
+    EXPECT_EQ(kSha256OfAbcdef, hashValue(hash));
+    EXPECT_TRUE(CryptDestroyHash(hash));
+}
+
+// Last: the key it generates stays on the token.
+TEST_F(CspCryptoTest, KeySmallerThanTheTokenKeyCannotOverrunTheCiphertextBuffer) {
+    ContextHandle container(rsa2048_.keyId);
+    HCRYPTKEY key = 0;
+    ASSERT_TRUE(CryptGenKey(container, CALG_RSA_KEYX, 512u << 16, &key)) << std::hex << GetLastError();
+    DWORD size = 0;
+    ASSERT_TRUE(CryptEncrypt(key, 0, TRUE, 0, nullptr, &size, 0));
+    EXPECT_EQ(64u, size) << "the handle answers the size it was asked for";
+
+    // The token's key is 2048 bits: 256 bytes of ciphertext do not fit in 64.
+    BYTE buffer[256] = "sixteen bytes!!";
+    DWORD length = 16;
+    EXPECT_TRUE(failsWith(CryptEncrypt(key, 0, TRUE, 0, buffer, &length, 64), ERROR_MORE_DATA));
+    EXPECT_EQ(256u, length);
+    EXPECT_TRUE(everyHeapValidates());
+
+    length = 16;
+    ASSERT_TRUE(CryptEncrypt(key, 0, TRUE, 0, buffer, &length, sizeof buffer)) << std::hex << GetLastError();
+    ASSERT_EQ(256u, length);
+    ASSERT_TRUE(CryptDecrypt(key, 0, TRUE, 0, buffer, &length)) << std::hex << GetLastError();
+    EXPECT_EQ("sixteen bytes!!", std::string(reinterpret_cast<char*>(buffer), length - 1));
+    EXPECT_TRUE(CryptDestroyKey(key));
 }
 
 }  // namespace
