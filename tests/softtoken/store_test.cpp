@@ -132,6 +132,8 @@ TEST(SoftTokenStore, AFolderReplacedAfterAWriterDiedMidCommitWorksAtOnce) {
         EXPECT_EQ(Serials{"NEW-1"}, orvane_getConnectedDeviceList(false, nullptr));
         EXPECT_EQ("true", coldPluggedState("NEW-1")) << "another process";
         EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 5.0);
+        ASSERT_EQ(0, finish(startTool("unplug NEW-1")));
+        EXPECT_TRUE(orvane_getConnectedDeviceList(false, nullptr).empty()) << "another process's change went unseen";
     }
 }
 

