@@ -180,23 +180,17 @@ TEST_F(KspCryptoTest, ImportedPublicBlobsVerifyTokenSignaturesAndEncryptForOpenS
     }
 }
 
-// The RSAPUBLICBLOB, compared with the certificate's key and used by bcrypt, in check_test.
-TEST_F(KspCryptoTest, ExportedPublicBlobsVerifyTokenSignaturesInWine) {
+// The RSAPUBLICBLOB, compared with the certificate's key and used by bcrypt: check_test.
+TEST_F(KspCryptoTest, ExportedPublicBlobVerifiesTokenSignaturesInWine) {
     auto key = open(rsa_);
     DWORD size = 0;
     BYTE small[8];
     EXPECT_EQ(NTE_NOT_SUPPORTED, ksp().ExportKey(provider(), key->get(), 0, L"PRIVATEBLOB", nullptr, nullptr, 0, &size, 0));
     EXPECT_EQ(NTE_BUFFER_TOO_SMALL, ksp().ExportKey(provider(), key->get(), 0, L"PUBLICBLOB", nullptr, small, 8, &size, 0));
     EXPECT_EQ(283u, size);
-    auto exported = [&](const wchar_t* type) {
-        DWORD needed = 0;
-        EXPECT_EQ(0, ksp().ExportKey(provider(), key->get(), 0, type, nullptr, nullptr, 0, &needed, 0));
-        Bytes blob(needed);
-        EXPECT_EQ(0, ksp().ExportKey(provider(), key->get(), 0, type, nullptr, blob.data(), needed, &needed, 0));
-        return blob;
-    };
-
-    Bytes capi = exported(L"CAPIPUBLICBLOB");
+    ASSERT_EQ(0, ksp().ExportKey(provider(), key->get(), 0, L"CAPIPUBLICBLOB", nullptr, nullptr, 0, &size, 0));
+    Bytes capi(size);
+    ASSERT_EQ(0, ksp().ExportKey(provider(), key->get(), 0, L"CAPIPUBLICBLOB", nullptr, capi.data(), size, &size, 0));
     const std::string message = "legacy";
     Bytes signature = sign(key->get(), digestOf("sha1", message), 256);
     ContextHandle wine;
