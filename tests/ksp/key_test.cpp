@@ -65,18 +65,17 @@ protected:
         beta_ = newKeyPair(kFirst, ORVANE_KEY_EC_P256, 3, "beta");
         // Labelled with a second-token key's name: the token search stops at the first token.
         trap_ = newKeyPair(kFirst, ORVANE_KEY_RSA_1024, 2, captured_);
-        spare_ = newKeyPair(kCerts, ORVANE_KEY_RSA_1024, 3, "spare");
         nocert_ = newKeyPair(kCerts, ORVANE_KEY_RSA_1024, 3, "nocert");
         locked_ = newKeyPair(kLocked, ORVANE_KEY_RSA_1024, 1, "locked");
     }
 
     KspProviderHandle provider_;
     NCRYPT_PROV_HANDLE p_ = provider_.get();
-    static std::string gamma_, captured_, alpha_, beta_, trap_, locked_, spare_, nocert_;
+    static std::string gamma_, captured_, alpha_, beta_, trap_, locked_, nocert_;
 };
 
 std::string KspKeys::gamma_, KspKeys::captured_, KspKeys::alpha_, KspKeys::beta_, KspKeys::trap_, KspKeys::locked_,
-    KspKeys::spare_, KspKeys::nocert_;
+    KspKeys::nocert_;
 
 std::vector<std::string> enumerate(NCRYPT_PROV_HANDLE provider) {
     std::vector<std::string> keys;  // "<name> <algorithm> <legacy AT_ value><flags>"
@@ -195,7 +194,7 @@ TEST_F(KspKeys, IvSizeIsCheckedOnlyForSymmetricKeyLengths) {
 }
 
 TEST_F(KspKeys, FinalizeGeneratesWhatWasAskedForAndDeleteRemovesIt) {
-    KspKeyHandle spare(p_, openKspKey(p_, spare_));  // moves the provider to that token
+    KspKeyHandle onCerts(p_, openKspKey(p_, nocert_));  // moves the provider to that token
     // The key type and usage asked of the token; the length the key then reports.
     const struct { const wchar_t* algorithm; DWORD legacy, length; int32_t keyType, usage; DWORD reported; } cases[] = {
         {L"RSA", AT_KEYEXCHANGE, 1024, ORVANE_KEY_RSA_1024, 2, 1024},
@@ -231,8 +230,7 @@ TEST_F(KspKeys, FinalizeGeneratesWhatWasAskedForAndDeleteRemovesIt) {
     EXPECT_EQ(0u, number(p_, request.get(), L"Length")) << "a refused generation leaves the request as it was";
 }
 
-// Found by public key in the fault sweep (and by label, link or public key in token_core_test):
-// here what is set is stored, linked to the key, and then found.
+// Found by public key: fault sweep and token_core_test. Here what is set is stored and found.
 TEST_F(KspKeys, KeyCertificateIsStoredLinkedToTheKey) {
     KspKeyHandle key(p_, openKspKey(p_, nocert_));
     SECURITY_STATUS status = 0;
