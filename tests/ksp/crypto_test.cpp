@@ -171,7 +171,6 @@ TEST_F(KspCryptoTest, ImportedPublicBlobsVerifyTokenSignaturesAndEncryptForOpenS
             DWORD size = 0;
             ASSERT_EQ(0, ksp().Encrypt(provider(), key->get(), (PBYTE)secret.data(), DWORD(secret.size()), nullptr,
                                        cipher.data(), 256, &size, oaep ? NCRYPT_PAD_OAEP_FLAG : NCRYPT_PAD_PKCS1_FLAG));
-            EXPECT_EQ(oaep ? PADDING_OAEP : PADDING_PKCS1, admin::lastArguments("orvane_encrypt")["padding"]);
             ASSERT_EQ(256u, size);
             writeFile(workDir() + "/ours.cipher", cipher);
             Bytes plain = onHost("openssl pkeyutl -decrypt -inkey host.key" + oaepOption(oaep) + " -in ours.cipher -out ours.plain", "ours.plain");
