@@ -258,8 +258,8 @@ TEST(OrvaneCheckForeignCertificates, ReportsThatTheSignaturesDoNotMatchThem) {
     const std::string ec = newKeyPair(kForeign, ORVANE_KEY_EC_P256, 1, "ec-label");
     for (const std::string kind : {"rsa", "ec"}) {
         std::string newKey = kind == "rsa" ? "rsa:2048" : "ec -pkeyopt ec_paramgen_curve:P-256", linked;
-        Bytes der = onHost("openssl req -x509 -new -newkey " + newKey + " -nodes -keyout foreign.key -subj '/CN=foreign' "
-                           "-days 30 -outform DER -out foreign.der 2>/dev/null", "foreign.der");
+        Bytes der = onHost("openssl req -x509 -new -newkey " + newKey + " -nodes -keyout foreign.key -days 30 "
+                           "-subj '/CN=foreign' -outform DER -out foreign.der 2>/dev/null", "foreign.der");
         ASSERT_EQ(0, admin::importCertificate(kForeign, der, kind + "-label", linked));
     }
     CheckRun run = runCheck("--pin-stdin", kPinLine);

@@ -138,7 +138,8 @@ TEST_F(KspCryptoTest, DecryptsWhatOpenSslEncryptedForTheTokenKey) {
     auto key = open(rsa_);
     writeText(workDir() + "/secret.txt", "meet me at noon");
     for (bool oaep : {false, true}) {
-        Bytes cipher = onHost("openssl pkeyutl -encrypt" + publicKeyOf(rsa_) + oaepOption(oaep) + " -in secret.txt -out s.bin", "s.bin");
+        Bytes cipher = onHost("openssl pkeyutl -encrypt" + publicKeyOf(rsa_) + oaepOption(oaep) +
+                                  " -in secret.txt -out s.bin", "s.bin");
         BCRYPT_OAEP_PADDING_INFO padding{BCRYPT_SHA1_ALGORITHM, nullptr, 0};
         Bytes plain(256);
         DWORD size = 0, flags = oaep ? NCRYPT_PAD_OAEP_FLAG : NCRYPT_PAD_PKCS1_FLAG;
