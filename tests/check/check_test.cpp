@@ -1,7 +1,7 @@
 // orvane-check.exe run as an administrator runs it, against a software token provisioned here
-// with an RSA-2048 and a P-256 key pair and their certificates: the report for a healthy token,
-// for an unplugged one, a wrong PIN and token operations that fail, and --write. The PIN is
-// always given on standard input (--pin-stdin), so no dialog ever appears.
+// with RSA and EC key pairs, some without a certificate or a signing use: the report for a
+// healthy token, for an unplugged one, a wrong PIN and token operations that fail, and --write.
+// The PIN is always given on standard input (--pin-stdin), so no dialog ever appears.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -95,6 +95,10 @@ protected:
         addToken(kSerial, false, kRetries);
         rsa_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_RSA_2048, 1).keyId;
         ec_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_EC_P256, 1).keyId;
+        // Keys the provider serves only in part.
+        exchange_ = newKeyPair(kSerial, ORVANE_KEY_RSA_2048, 2, "exchange");
+        rsa3072_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_RSA_3072, 1).keyId;
+        p384_ = newKeyPair(kSerial, ORVANE_KEY_EC_P384, 1, "no certificate");
     }
     void TearDown() override {
         admin::clearFaults();
@@ -103,10 +107,10 @@ protected:
         admin::setSignOn(kSerial, 0, 0);
     }
 
-    static std::string rsa_, ec_;
+    static std::string rsa_, ec_, exchange_, rsa3072_, p384_;
 };
 
-std::string OrvaneCheck::rsa_, OrvaneCheck::ec_;
+std::string OrvaneCheck::rsa_, OrvaneCheck::ec_, OrvaneCheck::exchange_, OrvaneCheck::rsa3072_, OrvaneCheck::p384_;
 
 TEST_F(OrvaneCheck, AnswersHelpAndRefusesWhatItDoesNotKnow) {
     CheckRun help = runCheck("--help");
@@ -122,7 +126,7 @@ TEST_F(OrvaneCheck, AnswersHelpAndRefusesWhatItDoesNotKnow) {
     EXPECT_NE(std::string::npos, onCommandLine.output.find("--pin-stdin")) << onCommandLine.output;
 }
 
-TEST_F(OrvaneCheck, PassesForRsaAndEcKeysWithCertificates) {
+TEST_F(OrvaneCheck, PassesForRsaAndEcKeysAndSkipsWhatTheProviderDoesNotOffer) {
     CheckRun run = runCheck("--pin-stdin", kPinLine);
     ASSERT_EQ(0, run.exitCode) << run.output;
     EXPECT_EQ(std::string::npos, run.output.find("FAIL")) << run.output;
@@ -147,8 +151,29 @@ TEST_F(OrvaneCheck, PassesForRsaAndEcKeysWithCertificates) {
     EXPECT_TRUE(reports(csp, "verify with Windows' own crypto", rsa_, "PASS", "Microsoft Enhanced RSA"));
     EXPECT_TRUE(reports(csp, "CryptExportKey", ec_, "SKIP", "NTE_BAD_KEY"));
     EXPECT_TRUE(reports(csp, "verify with Windows' own crypto", ec_, "PASS", "certificate's key"));
-    EXPECT_TRUE(reports(ksp, "KSPExportKey (RSAPUBLICBLOB)", rsa_, "PASS"));
+    EXPECT_TRUE(reports(ksp, "KSPExportKey (RSAPUBLICBLOB)", rsa_, "PASS", "the public key of the key's certificate"));
+    EXPECT_TRUE(reports(ksp, "verify with Windows' own crypto", rsa_, "PASS", "the exported key"));
     EXPECT_TRUE(reports(ksp, "KSPExportKey (ECCPUBLICBLOB)", ec_, "SKIP"));
+
+    // What the provider does not offer is skipped with the reason, not failed, and the signature
+    // is checked with whatever key material is left. An exchange-only key is not asked to sign.
+    EXPECT_TRUE(reports(csp, "PP_KEYSPEC", exchange_, "", "AT_KEYEXCHANGE"));
+    EXPECT_TRUE(reports(csp, "CryptSignHash", exchange_, "SKIP"));
+    EXPECT_TRUE(reports(ksp, "KSPSignHash", exchange_, "SKIP"));
+
+    // RSA-3072: the CSP exports no such key, so the certificate's key checks the CSP's
+    // (little-endian) signature; the KSP's blob is there.
+    EXPECT_TRUE(reports(csp, "CryptExportKey", rsa3072_, "SKIP"));
+    EXPECT_TRUE(reports(csp, "verify with Windows' own crypto", rsa3072_, "PASS", "certificate's key"));
+    EXPECT_TRUE(reports(ksp, "KSPExportKey (RSAPUBLICBLOB)", rsa3072_, "PASS"));
+
+    // P-384 without a certificate: signed and checked by the provider, nothing else to check with.
+    for (const std::string& face : {csp, ksp}) {
+        EXPECT_TRUE(reports(face, "certificate", p384_, "SKIP"));
+        EXPECT_TRUE(reports(face, "verify with Windows' own crypto", p384_, "SKIP"));
+    }
+    EXPECT_TRUE(reports(csp, "CryptVerifySignature (provider)", p384_, "PASS"));
+    EXPECT_TRUE(reports(ksp, "KSPSignHash", p384_, "PASS", "96-byte signature"));
 }
 
 TEST_F(OrvaneCheck, NeedsNoPinWhileTokenManagerHasSignedOn) {
@@ -224,87 +249,30 @@ TEST_F(OrvaneCheck, WriteMakesUsesAndDeletesATestKey) {
     EXPECT_EQ(before, keyIdsOnToken());
 }
 
-// Keys the provider serves only in part: what it does not offer is skipped with the reason,
-// not failed, and the signature is checked with whatever key material is left.
-class OrvaneCheckPartlyServedKeys : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        useFreshStore("check-partly-served");
-        addToken(kSerial, false, kRetries);
-        exchange_ = newKeyPair(kSerial, ORVANE_KEY_RSA_2048, 2, "exchange");
-        rsa3072_ = provisionKeyWithCertificate(kSerial, ORVANE_KEY_RSA_3072, 1).keyId;
-        p384_ = newKeyPair(kSerial, ORVANE_KEY_EC_P384, 1, "no certificate");
-    }
-
-    static std::string exchange_, rsa3072_, p384_;
-};
-
-std::string OrvaneCheckPartlyServedKeys::exchange_, OrvaneCheckPartlyServedKeys::rsa3072_,
-    OrvaneCheckPartlyServedKeys::p384_;
-
-TEST_F(OrvaneCheckPartlyServedKeys, SkipsWhatTheProviderDoesNotOfferAndPassesTheRest) {
-    CheckRun run = runCheck("--pin-stdin", kPinLine);
-    EXPECT_EQ(0, run.exitCode) << run.output;
-    std::string csp = run.section("CryptoAPI"), ksp = run.section("Key storage provider");
-
-    // An exchange-only key is not asked to sign on either face.
-    EXPECT_TRUE(reports(csp, "PP_KEYSPEC", exchange_, "", "AT_KEYEXCHANGE"));
-    EXPECT_TRUE(reports(csp, "CryptSignHash", exchange_, "SKIP"));
-    EXPECT_TRUE(reports(ksp, "KSPSignHash", exchange_, "SKIP"));
-
-    // RSA-3072: the CSP exports no such key, so the certificate's key checks the CSP's
-    // (little-endian) signature; the KSP's blob is there.
-    EXPECT_TRUE(reports(csp, "CryptExportKey", rsa3072_, "SKIP"));
-    EXPECT_TRUE(reports(csp, "verify with Windows' own crypto", rsa3072_, "PASS", "certificate's key"));
-    EXPECT_TRUE(reports(ksp, "KSPExportKey (RSAPUBLICBLOB)", rsa3072_, "PASS"));
-
-    // P-384 without a certificate: signed and checked by the provider, nothing else to check with.
-    for (const std::string& face : {csp, ksp}) {
-        EXPECT_TRUE(reports(face, "certificate", p384_, "SKIP"));
-        EXPECT_TRUE(reports(face, "verify with Windows' own crypto", p384_, "SKIP"));
-    }
-    EXPECT_TRUE(reports(csp, "CryptVerifySignature (provider)", p384_, "PASS"));
-    EXPECT_TRUE(reports(ksp, "KSPSignHash", p384_, "PASS", "96-byte signature"));
-}
-
 // A certificate stored under a key's label but made for another key: the provider hands it out
 // as the key's certificate, and the check must not take it on trust.
-class OrvaneCheckForeignCertificates : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        useFreshStore("check-foreign-certificates");
-        addToken(kSerial, false, kRetries);
-        rsa_ = newKeyPair(kSerial, ORVANE_KEY_RSA_2048, 1, "rsa-label");
-        ec_ = newKeyPair(kSerial, ORVANE_KEY_EC_P256, 1, "ec-label");
-        HostResult host = runHost(
-            "set -e\n"
-            "openssl req -x509 -new -newkey rsa:2048 -nodes -keyout foreign-rsa.key -subj '/CN=foreign' -days 30 "
-            "-outform DER -out foreign-rsa.der 2>/dev/null\n"
-            "openssl req -x509 -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout foreign-ec.key "
-            "-subj '/CN=foreign' -days 30 -outform DER -out foreign-ec.der 2>/dev/null");
-        ASSERT_EQ(0, host.exitCode) << host.output;
-        std::string linked;
-        ASSERT_EQ(0, admin::importCertificate(kSerial, readFile(workDir() + "/foreign-rsa.der"), "rsa-label", linked));
-        ASSERT_EQ(0, admin::importCertificate(kSerial, readFile(workDir() + "/foreign-ec.der"), "ec-label", linked));
+TEST(OrvaneCheckForeignCertificates, ReportsThatTheSignaturesDoNotMatchThem) {
+    const char kForeign[] = "CHECK-FOREIGN";
+    freshToken(kForeign, false);
+    const std::string rsa = newKeyPair(kForeign, ORVANE_KEY_RSA_2048, 1, "rsa-label");
+    const std::string ec = newKeyPair(kForeign, ORVANE_KEY_EC_P256, 1, "ec-label");
+    for (const std::string kind : {"rsa", "ec"}) {
+        std::string newKey = kind == "rsa" ? "rsa:2048" : "ec -pkeyopt ec_paramgen_curve:P-256", linked;
+        Bytes der = onHost("openssl req -x509 -new -newkey " + newKey + " -nodes -keyout foreign.key -days 30 "
+                           "-subj '/CN=foreign' -outform DER -out foreign.der 2>/dev/null", "foreign.der");
+        ASSERT_EQ(0, admin::importCertificate(kForeign, der, kind + "-label", linked));
     }
-
-    static std::string rsa_, ec_;
-};
-
-std::string OrvaneCheckForeignCertificates::rsa_, OrvaneCheckForeignCertificates::ec_;
-
-TEST_F(OrvaneCheckForeignCertificates, ReportsThatTheSignaturesDoNotMatchThem) {
     CheckRun run = runCheck("--pin-stdin", kPinLine);
     EXPECT_EQ(1, run.exitCode) << run.output;
     std::string csp = run.section("CryptoAPI"), ksp = run.section("Key storage provider");
     for (const std::string& face : {csp, ksp}) {
-        EXPECT_TRUE(reports(face, face == csp ? "CryptExportKey" : "KSPExportKey", rsa_, "FAIL",
+        EXPECT_TRUE(reports(face, face == csp ? "CryptExportKey" : "KSPExportKey", rsa, "FAIL",
                             "not the public key in the key's certificate"));
-        for (const std::string& key : {rsa_, ec_})
+        for (const std::string& key : {rsa, ec})
             EXPECT_TRUE(reports(face, "verify with Windows' own crypto", key, "FAIL", "BCryptVerifySignature"));
     }
     // The provider checks with the key itself and is satisfied.
-    EXPECT_TRUE(reports(csp, "CryptVerifySignature (provider)", ec_, "PASS"));
+    EXPECT_TRUE(reports(csp, "CryptVerifySignature (provider)", ec, "PASS"));
 }
 
 }  // namespace
