@@ -1,9 +1,7 @@
 #include "tests/reliability/ProcessFigures.h"
 
-#include <psapi.h>
 #include <tlhelp32.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <vector>
 
@@ -82,24 +80,8 @@ ProcessFigures measureProcess() {
         TlsFree(slot);
         figures.tlsSlots = slot;
     }
-    PROCESS_MEMORY_COUNTERS_EX memory{};
-    memory.cb = sizeof memory;
-    // Wine 8 reports PrivateUsage as 0; PagefileUsage, the same figure on Windows, it fills.
-    if (GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory), sizeof memory))
-        figures.privateBytes =
-            static_cast<long long>(memory.PrivateUsage != 0 ? memory.PrivateUsage : memory.PagefileUsage);
     addLiveBlocks(figures);
     return figures;
-}
-
-std::string describeGrowth(const ProcessFigures& before, const ProcessFigures& after) {
-    char text[200];
-    std::snprintf(text, sizeof text,
-                  "handles %+lld, threads %+lld, TLS slots %+lld, heap %+lld B (%+lld blocks), private %+lld B",
-                  after.handles - before.handles, after.threads - before.threads, after.tlsSlots - before.tlsSlots,
-                  after.heapBytes - before.heapBytes, after.heapBlocks - before.heapBlocks,
-                  after.privateBytes - before.privateBytes);
-    return text;
 }
 
 long long environmentNumber(const char* name, long long fallback) {

@@ -17,7 +17,6 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
@@ -86,32 +85,24 @@ const FailureClass kNoAnswer = {"empty answer", 1, kEveryCall};
 
 // Arms the case's fault at the moment the row calls arm(), so that the row's own set-up
 // (a hash to sign, a key to delete) runs unharmed. The disarmed call gets an inert one.
-class Fault {
-public:
-    Fault(const char* operation, int occurrences, int code)
-        : operation_(operation), occurrences_(occurrences), code_(code) {}
-    static Fault none() { return Fault(nullptr, 0, 0); }
-    void arm() {
-        if (operation_ == nullptr) return;
-        ASSERT_EQ(0, admin::injectFault(operation_, occurrences_, code_));
-        callsAtArming_ = admin::callCount(operation_);
-        armed_ = true;
-    }
-    bool armed() const { return armed_; }
-    // Calls of the operation since it was armed: each of them failed.
-    int failedCalls() const { return armed_ ? admin::callCount(operation_) - callsAtArming_ : 0; }
+struct Fault {
+    const char* operation = nullptr;  // none: inert
+    int occurrences = 0, code = 0;
+    int callsAtArming = 0;
+    bool armed = false;
 
-private:
-    const char* operation_;
-    int callsAtArming_ = 0;
-    int occurrences_;
-    int code_;
-    bool armed_ = false;
+    void arm() {
+        if (operation == nullptr) return;
+        ASSERT_EQ(0, admin::injectFault(operation, occurrences, code));
+        callsAtArming = admin::callCount(operation);
+        armed = true;
+    }
+    // Calls of the operation since it was armed: each of them failed.
+    int failedCalls() const { return armed ? admin::callCount(operation) - callsAtArming : 0; }
 };
 
 DWORD cspCode(BOOL result) { return result ? kSucceeds : GetLastError(); }
 DWORD kspCode(SECURITY_STATUS status) { return static_cast<DWORD>(status); }
-const NCRYPT_KEY_STORAGE_FUNCTION_TABLE& kspTable() { return orvanetest::ksp(); }
 
 std::string hex(DWORD code) {
     char text[16];
@@ -131,82 +122,114 @@ struct Sweep {
     Bytes kek = Bytes(32, 0x4B);  // an AES-256 key-encryption key on the token
     Bytes wrapped;                // a 32-byte AES key wrapped under it (RFC 3394)
 
-    HCRYPTPROV context = 0;  // on the RSA key's container
+    std::unique_ptr<ContextHandle> csp;  // on the RSA key's container
     HCRYPTKEY signatureKey = 0, exchangeKey = 0, sessionKey = 0;
     Bytes cspSignature, cspCipher, simpleBlob, plaintextBlob, wrapBlob;
 
     NCRYPT_PROV_HANDLE provider = 0;
     NCRYPT_KEY_HANDLE rsaKey = 0, publicKeyOnlyKey = 0, secretKey = 0;
     Bytes digest = Bytes(32, 0x5A), kspSignature, kspCipher, transportBlob, keyDataBlob;
-
-    HCRYPTHASH sha256(const char* data) const {
-        HCRYPTHASH hash = 0;
-        EXPECT_TRUE(CryptCreateHash(context, CALG_SHA_256, 0, 0, &hash)) << hex(GetLastError());
-        EXPECT_TRUE(CryptHashData(hash, reinterpret_cast<const BYTE*>(data), static_cast<DWORD>(strlen(data)), 0));
-        if (*data) ++hashesWithData;
-        return hash;
-    }
 };
 
 Sweep s;
 int tokensMade = 0;
 
-// A token plugged in since the last open: the next open initialises it.
-std::string newToken() {
+// The out-parameter of a call that makes a handle, freed at the end of the statement.
+template <typename Handle>
+struct Freed {
+    std::function<void(Handle)> free;
+    Handle handle = 0;
+    ~Freed() {
+        if (handle) free(handle);
+    }
+    Handle* out() { return &handle; }
+};
+void releaseContext(HCRYPTPROV context) { CryptReleaseContext(context, 0); }
+Freed<NCRYPT_KEY_HANDLE> kspKey(NCRYPT_PROV_HANDLE provider) {
+    return {[provider](NCRYPT_KEY_HANDLE key) { ksp().FreeKey(provider, key); }};
+}
+
+// A token plugged in since the last open (the next open initialises it), removed at the end
+// of the scope.
+struct PluggedToken {
     std::string serial = "PLUGGED-" + std::to_string(++tokensMade);
-    addToken(serial);
-    return serial;
+    PluggedToken() { addToken(serial); }
+    ~PluggedToken() { EXPECT_EQ(0, admin::removeToken(serial)); }
+};
+
+// The scratch token's KEK and P-256 key pair; its key id.
+std::string scratchKeys(const std::string& serial) {
+    std::string kekId;
+    EXPECT_EQ(0, admin::importSecretKey(serial, ORVANE_KEY_AES_256, s.kek, "kek", kekId));
+    return newKeyPair(serial, ORVANE_KEY_EC_P256, 3, "scratch");
 }
 
 // A token of its own for a call that stores a key or a certificate on the token, removed
 // afterwards so that nothing piles up from case to case: it holds the same KEK and a P-256
 // key pair, with a CSP context and a KSP provider and key working on it.
-class ScratchToken {
-public:
-    ScratchToken() : serial_(newToken()) {
-        std::string kekId;
-        EXPECT_EQ(0, admin::importSecretKey(serial_, ORVANE_KEY_AES_256, s.kek, "kek", kekId));
-        keyId_ = newKeyPair(serial_, ORVANE_KEY_EC_P256, 3, "scratch");
-        EXPECT_TRUE(CryptAcquireContextA(&context_, keyId_.c_str(), kProviderName, PROV_RSA_FULL, 0));
-        EXPECT_EQ(0, kspTable().OpenProvider(&provider_, L"Orvane Cryptographic Provider CSP", 0));
-        key_ = openKspKey(provider_, keyId_);  // moves the provider onto this token
-        EXPECT_NE(0u, key_);
-    }
-    ~ScratchToken() {
-        if (key_) kspTable().FreeKey(provider_, key_);
-        if (provider_) kspTable().FreeProvider(provider_);
-        if (context_) CryptReleaseContext(context_, 0);
-        EXPECT_EQ(0, admin::removeToken(serial_));
-    }
-    ScratchToken(const ScratchToken&) = delete;
-    ScratchToken& operator=(const ScratchToken&) = delete;
-    std::string serial_, keyId_;
-    HCRYPTPROV context_ = 0;
-    NCRYPT_PROV_HANDLE provider_ = 0;
-    NCRYPT_KEY_HANDLE key_ = 0;
+struct ScratchToken {
+    PluggedToken token;
+    std::string keyId = scratchKeys(token.serial);
+    ContextHandle context{keyId};
+    KspProviderHandle provider;
+    KspKeyHandle key{provider.get(), openKspKey(provider.get(), keyId)};  // moves the provider onto this token
 };
 
 DWORD importWithCsp(HCRYPTPROV context, const Bytes& blob, HCRYPTKEY unwrapping = 0) {
-    HCRYPTKEY key = 0;
-    DWORD code = cspCode(CryptImportKey(context, blob.data(), static_cast<DWORD>(blob.size()), unwrapping, 0, &key));
-    if (key) CryptDestroyKey(key);
-    return code;
+    return cspCode(CryptImportKey(context, blob.data(), static_cast<DWORD>(blob.size()), unwrapping, 0,
+                                  Freed<HCRYPTKEY>{CryptDestroyKey}.out()));
 }
 
 DWORD importWithKsp(NCRYPT_PROV_HANDLE provider, const wchar_t* type, const Bytes& blob,
                     NCRYPT_KEY_HANDLE importKey = 0) {
-    NCRYPT_KEY_HANDLE key = 0;
-    DWORD code = kspCode(kspTable().ImportKey(provider, importKey, type, nullptr, &key, const_cast<BYTE*>(blob.data()),
-                                              static_cast<DWORD>(blob.size()), 0));
-    if (key) kspTable().FreeKey(provider, key);
+    return kspCode(ksp().ImportKey(provider, importKey, type, nullptr, kspKey(provider).out(),
+                                   const_cast<BYTE*>(blob.data()), static_cast<DWORD>(blob.size()), 0));
+}
+
+// Sign, encrypt and decrypt with the RSA key of either face; the result when asked for.
+BOOL signHash(HCRYPTHASH hash) {
+    BYTE signature[512];
+    DWORD size = sizeof signature;
+    return CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, signature, &size);
+}
+
+DWORD kspSign(DWORD flags, Bytes* signature = nullptr) {
+    Bytes data(256);
+    DWORD size = 0;
+    DWORD code =
+        kspCode(ksp().SignHash(s.provider, s.rsaKey, nullptr, s.digest.data(), 32, data.data(), 256, &size, flags));
+    if (signature) *signature = data;
     return code;
 }
 
-DWORD kspSign(DWORD flags) {
-    BYTE signature[512];
+DWORD cspEncrypt(const Bytes& plain, Bytes* cipher = nullptr) {
+    Bytes data(plain);
+    data.resize(256);
+    DWORD size = static_cast<DWORD>(plain.size());
+    DWORD code = cspCode(CryptEncrypt(s.exchangeKey, 0, TRUE, 0, data.data(), &size, 256));
+    if (cipher) *cipher = data;
+    return code;
+}
+
+DWORD kspEncrypt(const Bytes& plain, Bytes* cipher = nullptr) {
+    Bytes data(256);
     DWORD size = 0;
-    return kspCode(kspTable().SignHash(s.provider, s.rsaKey, nullptr, s.digest.data(), 32, signature, sizeof signature,
-                                       &size, flags));
+    DWORD code = kspCode(ksp().Encrypt(s.provider, s.rsaKey, const_cast<BYTE*>(plain.data()),
+                                       static_cast<DWORD>(plain.size()), nullptr, data.data(), 256, &size, 0));
+    if (cipher) *cipher = data;
+    return code;
+}
+
+DWORD cspDecrypt(HCRYPTKEY key, Bytes data) {
+    DWORD size = static_cast<DWORD>(data.size());
+    return cspCode(CryptDecrypt(key, 0, TRUE, 0, data.data(), &size));
+}
+
+DWORD kspDecrypt(NCRYPT_KEY_HANDLE key, const Bytes& cipher) {
+    BYTE plain[256];
+    DWORD size = 0;
+    return kspCode(ksp().Decrypt(s.provider, key, const_cast<BYTE*>(cipher.data()), static_cast<DWORD>(cipher.size()),
+                                 nullptr, plain, sizeof plain, &size, 0));
 }
 
 DWORD kspCertificate(NCRYPT_KEY_HANDLE key) {
@@ -216,23 +239,13 @@ DWORD kspCertificate(NCRYPT_KEY_HANDLE key) {
 }
 
 DWORD acquireAndRelease(const char* container) {
-    HCRYPTPROV context = 0;
-    DWORD code = cspCode(CryptAcquireContextA(&context, container, kProviderName, PROV_RSA_FULL, 0));
-    if (context) CryptReleaseContext(context, 0);
-    return code;
+    return cspCode(CryptAcquireContextA(Freed<HCRYPTPROV>{releaseContext}.out(), container, kProviderName,
+                                        PROV_RSA_FULL, 0));
 }
 
 DWORD openAndFreeProvider() {
-    NCRYPT_PROV_HANDLE provider = 0;
-    DWORD code = kspCode(kspTable().OpenProvider(&provider, L"Orvane Cryptographic Provider CSP", 0));
-    if (provider) kspTable().FreeProvider(provider);
-    return code;
-}
-
-BOOL signHash(HCRYPTHASH hash) {
-    BYTE signature[512];
-    DWORD size = sizeof signature;
-    return CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, signature, &size);
+    return kspCode(ksp().OpenProvider(Freed<NCRYPT_PROV_HANDLE>{ksp().FreeProvider}.out(),
+                                      L"Orvane Cryptographic Provider CSP", 0));
 }
 
 BOOL verifyHash(HCRYPTHASH hash) {
@@ -252,10 +265,11 @@ Call armedThen(std::function<DWORD()> call) {
     };
 }
 
-// The fault armed after a SHA-256 hash of "abc" was made, then the call on that hash.
-Call onHashOfAbc(std::function<BOOL(HCRYPTHASH)> call) {
-    return [call](Fault& fault) {
-        HCRYPTHASH hash = s.sha256("abc");
+// The fault armed after a SHA-256 hash of data was made, then the call on that hash.
+Call onHashOf(const char* data, std::function<BOOL(HCRYPTHASH)> call) {
+    return [data, call](Fault& fault) {
+        HCRYPTHASH hash = s.csp->hash(CALG_SHA_256, data);
+        if (*data) ++hashesWithData;
         fault.arm();
         DWORD code = cspCode(call(hash));
         CryptDestroyHash(hash);
@@ -264,65 +278,48 @@ Call onHashOfAbc(std::function<BOOL(HCRYPTHASH)> call) {
 }
 
 // The user cancels the PIN dialog that an armed fault brings up.
-DWORD cancellingThePrompt(Fault& fault, const std::function<DWORD()>& call) {
-    fault.arm();
-    std::unique_ptr<UiDriver> user;
-    if (fault.armed()) user.reset(new UiDriver({UiStep::cancel()}, 10000));
-    DWORD code = call();
-    if (user) {
-        EXPECT_EQ(std::vector<std::string>{"pin dialog"}, user->finish());
-    }
-    return code;
-}
-
-// The fault armed once a token was plugged in, so that the call's open initialises it; the
-// token is removed afterwards.
-Call onNewToken(std::function<DWORD()> open) {
-    return [open](Fault& fault) {
-        std::string serial = newToken();
-        fault.arm();
-        DWORD code = open();
-        EXPECT_EQ(0, admin::removeToken(serial));
+Call cancellingThePrompt(Call call) {
+    return [call](Fault& fault) {
+        std::unique_ptr<UiDriver> user;
+        if (fault.operation) user.reset(new UiDriver({UiStep::cancel()}, 10000));
+        DWORD code = call(fault);
+        if (user) {
+            EXPECT_EQ(std::vector<std::string>{"pin dialog"}, user->finish());
+        }
         return code;
     };
 }
 
-// The fault armed once a scratch token is ready, then the call made on it.
-Call onScratchToken(std::function<DWORD(const ScratchToken&)> call) {
+// The fault armed once a token was plugged in (a PluggedToken, so that the call's open
+// initialises it, or a ScratchToken), then the call made; the token is removed afterwards.
+template <typename Token>
+Call onToken(std::function<DWORD(const Token&)> call) {
     return [call](Fault& fault) {
-        ScratchToken scratch;
+        Token token;
         fault.arm();
-        return call(scratch);
+        return call(token);
     };
 }
+
+DWORD setCspPin(DWORD param) { return cspCode(CryptSetProvParam(*s.csp, param, (const BYTE*)kPin, 0)); }
 
 // Every entry point call the sweep makes, by name.
 const std::map<std::string, Call>& catalogue() {
     static const std::map<std::string, Call> calls = {
         {"CryptAcquireContext", armedThen([] { return acquireAndRelease(nullptr); })},
         {"CryptAcquireContext (container)", armedThen([] { return acquireAndRelease(s.rsa.keyId.c_str()); })},
-        {"CryptAcquireContext (new token)", onNewToken([] { return acquireAndRelease(nullptr); })},
+        {"CryptAcquireContext (new token)", onToken<PluggedToken>([](auto&) { return acquireAndRelease(nullptr); })},
         {"KSPOpenProvider", armedThen(openAndFreeProvider)},
-        {"KSPOpenProvider (new token)", onNewToken(openAndFreeProvider)},
+        {"KSPOpenProvider (new token)", onToken<PluggedToken>([](auto&) { return openAndFreeProvider(); })},
         {"KSPOpenKey", armedThen([] {
-             SECURITY_STATUS status = 0;
-             NCRYPT_KEY_HANDLE key = openKspKey(s.provider, s.rsa.keyId, 0, &status);
-             if (key) kspTable().FreeKey(s.provider, key);
-             return kspCode(status);
+             return kspCode(ksp().OpenKey(s.provider, kspKey(s.provider).out(), widen(s.rsa.keyId).c_str(), 0, 0));
          })},
         {"KSPEnumKeys", armedThen([] {
-             NCryptKeyName* name = nullptr;
-             void* state = nullptr;
-             DWORD code = kspCode(kspTable().EnumKeys(s.provider, nullptr, &name, &state, 0));
-             if (name) kspTable().FreeBuffer(name);
-             if (state) kspTable().FreeBuffer(state);
-             return code;
+             return kspCode(ksp().EnumKeys(s.provider, nullptr, Freed<NCryptKeyName*>{ksp().FreeBuffer}.out(),
+                                           Freed<void*>{ksp().FreeBuffer}.out(), 0));
          })},
         {"CryptGetUserKey", armedThen([] {
-             HCRYPTKEY key = 0;
-             DWORD code = cspCode(CryptGetUserKey(s.context, AT_SIGNATURE, &key));
-             if (key) CryptDestroyKey(key);
-             return code;
+             return cspCode(CryptGetUserKey(*s.csp, AT_SIGNATURE, Freed<HCRYPTKEY>{CryptDestroyKey}.out()));
          })},
         {"CryptGetKeyParam(KP_CERTIFICATE)", armedThen([] {
              BYTE certificate[4096];
@@ -334,159 +331,104 @@ const std::map<std::string, Call>& catalogue() {
          armedThen([] { return kspCertificate(s.publicKeyOnlyKey); })},
         {"CryptGetProvParam(PP_CERTCHAIN)", armedThen([] {
              DWORD size = 0;
-             return cspCode(CryptGetProvParam(s.context, PP_CERTCHAIN, nullptr, &size, 0));
+             return cspCode(CryptGetProvParam(*s.csp, PP_CERTCHAIN, nullptr, &size, 0));
          })},
         {"CryptGetProvParam(PP_KEYSPEC)", armedThen([] {
              DWORD keySpec = 0, size = sizeof keySpec;
-             return cspCode(CryptGetProvParam(s.context, PP_KEYSPEC, reinterpret_cast<BYTE*>(&keySpec), &size, 0));
+             return cspCode(CryptGetProvParam(*s.csp, PP_KEYSPEC, reinterpret_cast<BYTE*>(&keySpec), &size, 0));
          })},
         {"CryptExportKey(PUBLICKEYBLOB)", armedThen([] {
              DWORD size = 0;
              return cspCode(CryptExportKey(s.exchangeKey, 0, PUBLICKEYBLOB, 0, nullptr, &size));
          })},
         // PIN given by the caller.
-        {"CryptSetProvParam(PP_SIGNATURE_PIN)", armedThen([] {
-             return cspCode(CryptSetProvParam(s.context, PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>(kPin), 0));
-         })},
-        {"CryptSetProvParam(PP_KEYEXCHANGE_PIN)", armedThen([] {
-             return cspCode(CryptSetProvParam(s.context, PP_KEYEXCHANGE_PIN, reinterpret_cast<const BYTE*>(kPin), 0));
-         })},
+        {"CryptSetProvParam(PP_SIGNATURE_PIN)", armedThen([] { return setCspPin(PP_SIGNATURE_PIN); })},
+        {"CryptSetProvParam(PP_KEYEXCHANGE_PIN)", armedThen([] { return setCspPin(PP_KEYEXCHANGE_PIN); })},
         {"KSPSetProviderProperty(SmartCardPin)", armedThen([] {
-             return kspCode(kspTable().SetProviderProperty(s.provider, L"SmartCardPin", (PBYTE)kPin, sizeof kPin, 0));
+             return kspCode(ksp().SetProviderProperty(s.provider, L"SmartCardPin", (PBYTE)kPin, sizeof kPin, 0));
          })},
         {"KSPSetKeyProperty(SmartCardPin)", armedThen([] {
-             return kspCode(
-                 kspTable().SetKeyProperty(s.provider, s.rsaKey, L"SmartCardPin", (PBYTE)kPin, sizeof kPin, 0));
+             return kspCode(ksp().SetKeyProperty(s.provider, s.rsaKey, L"SmartCardPin", (PBYTE)kPin, sizeof kPin, 0));
          })},
         // Private-key operations.
-        {"CryptSignHash", onHashOfAbc(signHash)},
+        {"CryptSignHash", onHashOf("abc", signHash)},
         {"CryptSignHash (PIN dialog cancelled)",
-         [](Fault& f) {
-             HCRYPTHASH hash = s.sha256("abc");
-             DWORD code = cancellingThePrompt(f, [hash] { return cspCode(signHash(hash)); });
-             CryptDestroyHash(hash);
-             return code;
-         }},
+         cancellingThePrompt(onHashOf("abc", signHash))},
         {"KSPSignHash", armedThen([] { return kspSign(0); })},
         {"KSPSignHash (silent)", armedThen([] { return kspSign(NCRYPT_SILENT_FLAG); })},
-        {"KSPSignHash (PIN dialog cancelled)", [](Fault& f) { return cancellingThePrompt(f, [] { return kspSign(0); }); }},
-        {"CryptDecrypt",
-         [](Fault& f) {
-             Bytes data = s.cspCipher;
-             DWORD size = static_cast<DWORD>(data.size());
-             f.arm();
-             return cspCode(CryptDecrypt(s.exchangeKey, 0, TRUE, 0, data.data(), &size));
-         }},
-        {"KSPDecrypt", armedThen([] {
-             BYTE plain[256];
-             DWORD size = 0;
-             return kspCode(kspTable().Decrypt(s.provider, s.rsaKey, s.kspCipher.data(),
-                                               static_cast<DWORD>(s.kspCipher.size()), nullptr, plain, sizeof plain,
-                                               &size, 0));
-         })},
-        {"CryptDecrypt (imported session key)", armedThen([] {
-             Bytes data(32, 0xC3);
-             DWORD size = static_cast<DWORD>(data.size());
-             return cspCode(CryptDecrypt(s.sessionKey, 0, TRUE, 0, data.data(), &size));
-         })},
-        {"KSPDecrypt (imported secret key)", armedThen([] {
-             Bytes data(32, 0xC3);
-             BYTE plain[64];
-             DWORD size = 0;
-             return kspCode(kspTable().Decrypt(s.provider, s.secretKey, data.data(), static_cast<DWORD>(data.size()),
-                                               nullptr, plain, sizeof plain, &size, 0));
-         })},
+        {"KSPSignHash (PIN dialog cancelled)", cancellingThePrompt(armedThen([] { return kspSign(0); }))},
+        {"CryptDecrypt", armedThen([] { return cspDecrypt(s.exchangeKey, s.cspCipher); })},
+        {"KSPDecrypt", armedThen([] { return kspDecrypt(s.rsaKey, s.kspCipher); })},
+        {"CryptDecrypt (imported session key)", armedThen([] { return cspDecrypt(s.sessionKey, Bytes(32, 0xC3)); })},
+        {"KSPDecrypt (imported secret key)", armedThen([] { return kspDecrypt(s.secretKey, Bytes(32, 0xC3)); })},
         // Key management and import.
         {"CryptGenKey", armedThen([] {
-             HCRYPTKEY key = 0;
-             DWORD code = cspCode(CryptGenKey(s.context, CALG_RSA_SIGN, 0, &key));
-             if (key) CryptDestroyKey(key);
-             return code;
+             return cspCode(CryptGenKey(*s.csp, CALG_RSA_SIGN, 0, Freed<HCRYPTKEY>{CryptDestroyKey}.out()));
          })},
         {"KSPFinalizeKey",
          [](Fault& f) {
              NCRYPT_KEY_HANDLE key = 0;
-             EXPECT_EQ(0, kspTable().CreatePersistedKey(s.provider, &key, L"ECDSA_P256", nullptr, 0, 0));
+             EXPECT_EQ(0, ksp().CreatePersistedKey(s.provider, &key, L"ECDSA_P256", nullptr, 0, 0));
+             KspKeyHandle freed(s.provider, key);
              f.arm();
-             DWORD code = kspCode(kspTable().FinalizeKey(s.provider, key, 0));
-             kspTable().FreeKey(s.provider, key);
-             return code;
+             return kspCode(ksp().FinalizeKey(s.provider, key, 0));
          }},
         {"KSPDeleteKey",
          [](Fault& f) {
-             NCRYPT_KEY_HANDLE key = openKspKey(s.provider, newKeyPair(kSerial, ORVANE_KEY_EC_P256, 1, "doomed"));
+             KspKeyHandle key(s.provider, openKspKey(s.provider, newKeyPair(kSerial, ORVANE_KEY_EC_P256, 1, "doomed")));
              f.arm();
-             DWORD code = kspCode(kspTable().DeleteKey(s.provider, key, 0));
-             kspTable().FreeKey(s.provider, key);
-             return code;
+             return kspCode(ksp().DeleteKey(s.provider, key.get(), 0));
          }},
-        {"KSPSetKeyProperty(SmartCardKeyCertificate)", onScratchToken([](const ScratchToken& t) {
-             return kspCode(kspTable().SetKeyProperty(t.provider_, t.key_, L"SmartCardKeyCertificate",
-                                                      s.certificate.data(), DWORD(s.certificate.size()), 0));
+        {"KSPSetKeyProperty(SmartCardKeyCertificate)", onToken<ScratchToken>([](const ScratchToken& t) {
+             return kspCode(ksp().SetKeyProperty(t.provider.get(), t.key.get(), L"SmartCardKeyCertificate",
+                                                 s.certificate.data(), DWORD(s.certificate.size()), 0));
          })},
         {"CryptImportKey(PLAINTEXTKEYBLOB)",
-         onScratchToken([](const ScratchToken& t) { return importWithCsp(t.context_, s.plaintextBlob); })},
+         onToken<ScratchToken>([](const ScratchToken& t) { return importWithCsp(t.context, s.plaintextBlob); })},
         {"CryptImportKey(SYMMETRICWRAPKEYBLOB)",
-         onScratchToken([](const ScratchToken& t) { return importWithCsp(t.context_, s.wrapBlob); })},
-        {"CryptImportKey(SIMPLEBLOB)", armedThen([] { return importWithCsp(s.context, s.simpleBlob, s.exchangeKey); })},
-        {"KSPImportKey(KeyDataBlob)",
-         onScratchToken([](const ScratchToken& t) { return importWithKsp(t.provider_, L"KeyDataBlob", s.keyDataBlob); })},
-        {"KSPImportKey(OpaqueKeyBlob)",
-         onScratchToken([](const ScratchToken& t) { return importWithKsp(t.provider_, L"OpaqueKeyBlob", s.wrapped); })},
+         onToken<ScratchToken>([](const ScratchToken& t) { return importWithCsp(t.context, s.wrapBlob); })},
+        {"CryptImportKey(SIMPLEBLOB)", armedThen([] { return importWithCsp(*s.csp, s.simpleBlob, s.exchangeKey); })},
+        {"KSPImportKey(KeyDataBlob)", onToken<ScratchToken>([](const ScratchToken& t) {
+             return importWithKsp(t.provider.get(), L"KeyDataBlob", s.keyDataBlob);
+         })},
+        {"KSPImportKey(OpaqueKeyBlob)", onToken<ScratchToken>([](const ScratchToken& t) {
+             return importWithKsp(t.provider.get(), L"OpaqueKeyBlob", s.wrapped);
+         })},
         {"KSPImportKey(OpaqueTransport)",
          armedThen([] { return importWithKsp(s.provider, L"OpaqueTransport", s.transportBlob, s.rsaKey); })},
         // Public-key operations in the library.
-        {"CryptEncrypt", armedThen([] {
-             BYTE data[256] = "sweep";
-             DWORD size = 5;
-             return cspCode(CryptEncrypt(s.exchangeKey, 0, TRUE, 0, data, &size, sizeof data));
-         })},
-        {"KSPEncrypt", armedThen([] {
-             BYTE data[5] = {1, 2, 3, 4, 5}, cipher[256];
-             DWORD size = 0;
-             return kspCode(
-                 kspTable().Encrypt(s.provider, s.rsaKey, data, sizeof data, nullptr, cipher, sizeof cipher, &size, 0));
-         })},
-        {"CryptVerifySignature", onHashOfAbc(verifyHash)},
+        {"CryptEncrypt", armedThen([] { return cspEncrypt(bytesOf("sweep")); })},
+        {"KSPEncrypt", armedThen([] { return kspEncrypt(bytesOf("sweep")); })},
+        {"CryptVerifySignature", onHashOf("abc", verifyHash)},
         {"KSPVerifySignature", armedThen([] {
-             return kspCode(kspTable().VerifySignature(s.provider, s.rsaKey, nullptr, s.digest.data(), 32,
-                                                       s.kspSignature.data(), DWORD(s.kspSignature.size()), 0));
+             return kspCode(ksp().VerifySignature(s.provider, s.rsaKey, nullptr, s.digest.data(), 32,
+                                                  s.kspSignature.data(), DWORD(s.kspSignature.size()), 0));
          })},
         // Hashing in the library.
         {"CryptCreateHash", armedThen([] {
-             HCRYPTHASH hash = 0;
-             DWORD code = cspCode(CryptCreateHash(s.context, CALG_SHA_256, 0, 0, &hash));
-             if (hash) CryptDestroyHash(hash);
-             return code;
+             return cspCode(CryptCreateHash(*s.csp, CALG_SHA_256, 0, 0, Freed<HCRYPTHASH>{CryptDestroyHash}.out()));
          })},
-        {"CryptDuplicateHash", onHashOfAbc([](HCRYPTHASH hash) {
-             HCRYPTHASH copy = 0;
-             BOOL made = CryptDuplicateHash(hash, nullptr, 0, &copy);
-             if (copy) CryptDestroyHash(copy);
-             return made;
+        {"CryptDuplicateHash", onHashOf("abc", [](HCRYPTHASH hash) {
+             return CryptDuplicateHash(hash, nullptr, 0, Freed<HCRYPTHASH>{CryptDestroyHash}.out());
          })},
-        {"CryptSetHashParam(HP_HMAC_INFO)", onHashOfAbc([](HCRYPTHASH hash) {
+        {"CryptSetHashParam(HP_HMAC_INFO)", onHashOf("abc", [](HCRYPTHASH hash) {
              HMAC_INFO info{};
              info.HashAlgid = CALG_SHA1;
              return CryptSetHashParam(hash, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&info), 0);
          })},
-        {"CryptHashData",
-         [](Fault& f) {
-             HCRYPTHASH hash = s.sha256("");
-             f.arm();
-             DWORD code = cspCode(CryptHashData(hash, reinterpret_cast<const BYTE*>("abc"), 3, 0));
-             if (code == kSucceeds) ++hashesWithData;
-             CryptDestroyHash(hash);
-             return code;
-         }},
-        {"CryptGetHashParam(HP_HASHVAL)", onHashOfAbc([](HCRYPTHASH hash) {
+        {"CryptHashData", onHashOf("", [](HCRYPTHASH hash) {
+             BOOL hashed = CryptHashData(hash, reinterpret_cast<const BYTE*>("abc"), 3, 0);
+             if (hashed) ++hashesWithData;
+             return hashed;
+         })},
+        {"CryptGetHashParam(HP_HASHVAL)", onHashOf("abc", [](HCRYPTHASH hash) {
              BYTE value[32];
              DWORD size = sizeof value;
              return CryptGetHashParam(hash, HP_HASHVAL, value, &size, 0);
          })},
         {"CryptGenRandom", armedThen([] {
              BYTE random[16];
-             return cspCode(CryptGenRandom(s.context, sizeof random, random));
+             return cspCode(CryptGenRandom(*s.csp, sizeof random, random));
          })},
     };
     return calls;
@@ -588,10 +530,8 @@ void restoreToken(const Row& row) {
         }
     }
     if (row.traits & kKeepsPin) {
-        ASSERT_EQ(0, admin::injectFault("orvane_signHash", 1, kSignOnExpired));
-        HCRYPTHASH hash = s.sha256("abc");
-        EXPECT_TRUE(signHash(hash)) << hex(GetLastError());
-        CryptDestroyHash(hash);
+        Fault expired{"orvane_signHash", 1, kSignOnExpired};
+        EXPECT_EQ(hex(kSucceeds), hex(catalogue().at("CryptSignHash")(expired)));
     }
 }
 
@@ -605,19 +545,19 @@ void runCase(const Row& row, const FailureClass& failure) {
     DWORD expected = retried && failure.occurrences == 1 ? kSucceeds : row.failure;
     int callsBefore = admin::callCount(row.operation);
 
-    Fault fault(row.operation, retried ? failure.occurrences : kEveryCall, failure.code);
+    Fault fault{row.operation, retried ? failure.occurrences : kEveryCall, failure.code};
     const Call& call = catalogue().at(row.entry);
     DWORD outcome = call(fault);
     int calls = admin::callCount(row.operation) - callsBefore;
     if (std::string(row.operation) == "orvane_initHash") failedHashStarts += std::min(fault.failedCalls(), kEveryCall);
     ASSERT_EQ(0, admin::injectFault(row.operation, 0, 0));
-    EXPECT_TRUE(fault.armed());
+    EXPECT_TRUE(fault.armed);
     EXPECT_EQ(hex(expected), hex(outcome));
     if (row.traits & kRetried) {
         EXPECT_EQ(retried ? 2 : 1, calls) << "one more call only after an expired sign-on";
     }
 
-    Fault disarmed = Fault::none();
+    Fault disarmed;
     EXPECT_EQ(hex(kSucceeds), hex(call(disarmed))) << "once the fault is disarmed";
     restoreToken(row);
 }
@@ -637,11 +577,8 @@ std::vector<FailureClass> classesFor(const Row& row) {
 struct LibraryHashCost {
     ProcessFigures bare, withData;  // per hash: heapBytes and heapBlocks
 
-    ProcessFigures of(long long hashes, long long withDataCount) const {
-        ProcessFigures kept;
-        kept.heapBytes = (hashes - withDataCount) * bare.heapBytes + withDataCount * withData.heapBytes;
-        kept.heapBlocks = (hashes - withDataCount) * bare.heapBlocks + withDataCount * withData.heapBlocks;
-        return kept;
+    long long of(long long ProcessFigures::*figure, long long hashes, long long withDataCount) const {
+        return (hashes - withDataCount) * (bare.*figure) + withDataCount * (withData.*figure);
     }
 };
 
@@ -682,6 +619,30 @@ ProcessFigures settled() {
     return figures;
 }
 
+long long libraryHashes() { return admin::callCount("orvane_initHash") - failedHashStarts; }
+
+// What the process kept since a Mark, besides the library hashes made since.
+struct Residue {
+    long long handles, threads, tlsSlots, blocks, bytes, hashes;
+    bool none() const { return handles <= 0 && threads <= 0 && blocks <= 0; }
+};
+
+struct Mark {
+    ProcessFigures figures = settled();
+    long long hashesAt = libraryHashes(), withDataAt = hashesWithData;
+
+    Residue since(const LibraryHashCost& cost) const {
+        ProcessFigures now = settled();
+        long long hashes = libraryHashes() - hashesAt, withData = hashesWithData - withDataAt;
+        return {now.handles - figures.handles,
+                now.threads - figures.threads,
+                now.tlsSlots - figures.tlsSlots,
+                now.heapBlocks - figures.heapBlocks - cost.of(&ProcessFigures::heapBlocks, hashes, withData),
+                now.heapBytes - figures.heapBytes - cost.of(&ProcessFigures::heapBytes, hashes, withData),
+                hashes};
+    }
+};
+
 class FaultSweep : public ::testing::Test {
 protected:
     static void SetUpTestSuite();
@@ -707,7 +668,7 @@ void FaultSweep::SetUpTestSuite() {
         s.keyPairs.insert(orvane::toHex(keyPair.keyId, sizeof keyPair.keyId));
 
     // The key-encryption key on the token, and a key wrapped under it by OpenSSL.
-    Bytes secret(32, 0x53);
+    Bytes secret(32, 0x53), session;
     std::string kekId;
     ASSERT_EQ(0, admin::importSecretKey(kSerial, ORVANE_KEY_AES_256, s.kek, "kek", kekId));
     s.wrapped = aesWrap(s.kek, secret);
@@ -716,53 +677,35 @@ void FaultSweep::SetUpTestSuite() {
     s.plaintextBlob = join({blobHeader(PLAINTEXTKEYBLOB, CALG_AES_256), dword(32), secret});
     s.keyDataBlob = keyDataBlob(32, secret);
 
-    ASSERT_TRUE(CryptAcquireContextA(&s.context, s.rsa.keyId.c_str(), kProviderName, PROV_RSA_FULL, 0))
-        << hex(GetLastError());
-    ASSERT_TRUE(CryptGetUserKey(s.context, AT_SIGNATURE, &s.signatureKey));
-    ASSERT_TRUE(CryptGetUserKey(s.context, AT_KEYEXCHANGE, &s.exchangeKey));
-    HCRYPTHASH hash = s.sha256("abc");
-    s.cspSignature.resize(256);
-    DWORD size = 256;
-    ASSERT_TRUE(CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, s.cspSignature.data(), &size)) << hex(GetLastError());
-    CryptDestroyHash(hash);
-    s.cspCipher.assign(256, 0);
-    std::memcpy(s.cspCipher.data(), "sweep", 5);
-    size = 5;
-    ASSERT_TRUE(CryptEncrypt(s.exchangeKey, 0, TRUE, 0, s.cspCipher.data(), &size, 256)) << hex(GetLastError());
-    Bytes session(256, 0);
-    std::memcpy(session.data(), secret.data(), secret.size());
-    size = 32;
-    ASSERT_TRUE(CryptEncrypt(s.exchangeKey, 0, TRUE, 0, session.data(), &size, 256)) << hex(GetLastError());
+    s.csp.reset(new ContextHandle(s.rsa.keyId));
+    s.signatureKey = s.csp->userKey(AT_SIGNATURE);
+    s.exchangeKey = s.csp->userKey(AT_KEYEXCHANGE);
+    s.cspSignature = s.csp->sign(CALG_SHA_256, "abc");
+    ++hashesWithData;
+    ASSERT_EQ(hex(kSucceeds), hex(cspEncrypt(bytesOf("sweep"), &s.cspCipher)));
+    ASSERT_EQ(hex(kSucceeds), hex(cspEncrypt(secret, &session)));
     s.simpleBlob = join({blobHeader(SIMPLEBLOB, CALG_AES_256), dword(CALG_RSA_KEYX), session});
-    ASSERT_TRUE(CryptImportKey(s.context, s.simpleBlob.data(), static_cast<DWORD>(s.simpleBlob.size()), s.exchangeKey,
-                               0, &s.sessionKey))
-        << hex(GetLastError());
+    s.sessionKey = s.csp->import(s.simpleBlob, s.exchangeKey);
 
-    ASSERT_EQ(0, kspTable().OpenProvider(&s.provider, L"Orvane Cryptographic Provider CSP", 0));
+    ASSERT_EQ(0, ksp().OpenProvider(&s.provider, L"Orvane Cryptographic Provider CSP", 0));
     s.rsaKey = openKspKey(s.provider, s.rsa.keyId);
     s.publicKeyOnlyKey = openKspKey(s.provider, s.publicKeyOnly);
     ASSERT_NE(0u, s.rsaKey);
     ASSERT_NE(0u, s.publicKeyOnlyKey);
-    s.kspSignature.resize(256);
-    ASSERT_EQ(0, kspTable().SignHash(s.provider, s.rsaKey, nullptr, s.digest.data(), 32, s.kspSignature.data(), 256,
-                                     &size, 0));
-    s.kspCipher.resize(256);
-    ASSERT_EQ(0,
-              kspTable().Encrypt(s.provider, s.rsaKey, (PBYTE) "sweep", 5, nullptr, s.kspCipher.data(), 256, &size, 0));
-    s.transportBlob.resize(256);
-    ASSERT_EQ(
-        0, kspTable().Encrypt(s.provider, s.rsaKey, secret.data(), 32, nullptr, s.transportBlob.data(), 256, &size, 0));
-    ASSERT_EQ(0, kspTable().ImportKey(s.provider, s.rsaKey, L"OpaqueTransport", nullptr, &s.secretKey,
-                                      s.transportBlob.data(), static_cast<DWORD>(s.transportBlob.size()), 0));
+    ASSERT_EQ(hex(kSucceeds), hex(kspSign(0, &s.kspSignature)));
+    ASSERT_EQ(hex(kSucceeds), hex(kspEncrypt(bytesOf("sweep"), &s.kspCipher)));
+    ASSERT_EQ(hex(kSucceeds), hex(kspEncrypt(secret, &s.transportBlob)));
+    ASSERT_EQ(0, ksp().ImportKey(s.provider, s.rsaKey, L"OpaqueTransport", nullptr, &s.secretKey,
+                                 s.transportBlob.data(), static_cast<DWORD>(s.transportBlob.size()), 0));
 }
 
 void FaultSweep::TearDownTestSuite() {
     for (NCRYPT_KEY_HANDLE key : {s.rsaKey, s.publicKeyOnlyKey, s.secretKey})
-        if (key) kspTable().FreeKey(s.provider, key);
-    if (s.provider) kspTable().FreeProvider(s.provider);
+        if (key) ksp().FreeKey(s.provider, key);
+    if (s.provider) ksp().FreeProvider(s.provider);
     for (HCRYPTKEY key : {s.signatureKey, s.exchangeKey, s.sessionKey})
         if (key) CryptDestroyKey(key);
-    if (s.context) CryptReleaseContext(s.context, 0);
+    s.csp.reset();
 }
 
 // Long enough for the device monitor to forget the sessions of the tokens a row removed.
@@ -770,94 +713,64 @@ const DWORD kMonitorSweep = 1200;
 // The bytes the library's hash registry may add when it grows its table, per hash it holds.
 const long long kRegistryBytesPerHash = 16;
 
-// What one run of a row left behind: handles, and heap blocks not the library's hashes'.
-struct RowResidue {
-    long long handles = 0, threads = 0, blocks = 0, bytes = 0;
-};
-
-RowResidue runRow(const Row& row, const LibraryHashCost& hashCost, bool waitForMonitor) {
+Residue runRow(const Row& row, const LibraryHashCost& hashCost, bool waitForMonitor) {
     if (waitForMonitor) Sleep(kMonitorSweep);
-    ProcessFigures before = settled();
-    long long starts = admin::callCount("orvane_initHash") - failedHashStarts, withData = hashesWithData;
+    Mark mark;
     for (const FailureClass& failure : classesFor(row)) runCase(row, failure);
     if (waitForMonitor) Sleep(kMonitorSweep);
-    ProcessFigures after = settled();
-    ProcessFigures kept =
-        hashCost.of(admin::callCount("orvane_initHash") - failedHashStarts - starts, hashesWithData - withData);
-    return {after.handles - before.handles, after.threads - before.threads,
-            after.heapBlocks - before.heapBlocks - kept.heapBlocks,
-            after.heapBytes - before.heapBytes - kept.heapBytes};
+    return mark.since(hashCost);
 }
 
 // ORVANE_SWEEP_ONLY=<text> keeps the rows whose operation or entry point contains the text.
 std::vector<Row> selectedRows() {
-    char only[128];
-    DWORD length = GetEnvironmentVariableA("ORVANE_SWEEP_ONLY", only, sizeof only);
-    std::vector<Row> rows(std::begin(kRows), std::end(kRows));
-    if (length == 0 || length >= sizeof only) return rows;
+    char only[128] = "";
+    if (GetEnvironmentVariableA("ORVANE_SWEEP_ONLY", only, sizeof only) >= sizeof only) only[0] = 0;
     std::vector<Row> kept;
-    for (const Row& row : rows)
+    for (const Row& row : kRows)
         if (std::strstr(row.operation, only) || std::strstr(row.entry, only)) kept.push_back(row);
     return kept;
 }
 
 TEST_F(FaultSweep, EveryOperationFailingGivesThePublishedAnswerLeavesNothingBehindAndRecovers) {
     std::vector<Row> rows = selectedRows();
-    std::set<std::string> operations, entries;
     size_t cases = 0;
-    for (const Row& row : rows) {
-        operations.insert(row.operation);
-        entries.insert(row.entry);
-        cases += classesFor(row).size();
-    }
+    for (const Row& row : rows) cases += classesFor(row).size();
     LibraryHashCost hashCost = libraryHashCost();
     long long passes = environmentNumber("ORVANE_SWEEP_PASSES", longForm() ? 5 : 1);
-    std::printf(
-        "[sweep] %zu operations, %zu failure classes, %zu entry points: %zu rows, %zu cases a pass (each followed by "
-        "the same call disarmed); the library keeps %lld B (%lld blocks) of a bare hash, %lld B (%lld blocks) of "
-        "one with data\n",
-        operations.size(), sizeof kStatusClasses / sizeof kStatusClasses[0] + 1, entries.size(), rows.size(), cases,
-        hashCost.bare.heapBytes, hashCost.bare.heapBlocks, hashCost.withData.heapBytes, hashCost.withData.heapBlocks);
+    std::printf("[sweep] %zu rows, %zu cases a pass; the library keeps %lld B (%lld blocks) of a bare hash, %lld B "
+                "(%lld blocks) of one with data\n",
+                rows.size(), cases, hashCost.bare.heapBytes, hashCost.bare.heapBlocks, hashCost.withData.heapBytes,
+                hashCost.withData.heapBlocks);
     for (long long pass = 0; pass <= passes; ++pass) {
         std::string name = pass == 0 ? "warm-up" : "pass " + std::to_string(pass);
         SCOPED_TRACE(name);
         Sleep(kMonitorSweep);
-        ProcessFigures start = settled();
-        long long hashStarts = admin::callCount("orvane_initHash") - failedHashStarts, withData = hashesWithData;
+        Mark start;
         int rerun = 0;
         for (const Row& row : rows) {
-            RowResidue residue = runRow(row, hashCost, false);
-            if (pass == 0 || (residue.handles <= 0 && residue.threads <= 0 && residue.blocks <= 0)) continue;
+            Residue residue = runRow(row, hashCost, false);
+            if (pass == 0 || residue.none()) continue;
             // A lock that meets contention for the first time gets a wait event for good, and the
             // device monitor forgets the sessions of removed tokens up to a second later: what
             // every further run of the row, with the monitor given time, leaves again is the
             // row's own. Two locks may meet their first contention in two runs in a row.
             ++rerun;
-            for (int again = 0; again < 3; ++again) {
-                residue = runRow(row, hashCost, true);
-                if (residue.handles <= 0 && residue.threads <= 0 && residue.blocks <= 0) break;
-            }
-            EXPECT_LE(residue.handles, 0) << row.entry << " / " << row.operation << ": handles kept";
-            EXPECT_LE(residue.threads, 0) << row.entry << " / " << row.operation << ": threads kept";
-            EXPECT_LE(residue.blocks, 0) << row.entry << " / " << row.operation << ": heap blocks kept ("
-                                         << residue.bytes << " B)";
+            for (int again = 0; again < 3 && !residue.none(); ++again) residue = runRow(row, hashCost, true);
+            SCOPED_TRACE(std::string(row.entry) + " / " + row.operation);
+            EXPECT_LE(residue.handles, 0) << "handles kept";
+            EXPECT_LE(residue.threads, 0) << "threads kept";
+            EXPECT_LE(residue.blocks, 0) << "heap blocks kept (" << residue.bytes << " B)";
         }
         Sleep(kMonitorSweep);
-        ProcessFigures end = settled();
-        long long hashes = admin::callCount("orvane_initHash") - failedHashStarts - hashStarts;
-        ProcessFigures kept = hashCost.of(hashes, hashesWithData - withData);
-        long long bytes = end.heapBytes - start.heapBytes - kept.heapBytes;
-        long long blocks = end.heapBlocks - start.heapBlocks - kept.heapBlocks;
+        Residue kept = start.since(hashCost);
         std::printf(
-            "[sweep] %s: %zu cases (%d rows run again); %s; %lld library hashes kept %lld B (%lld blocks); "
-            "%+lld B (%+lld blocks) not theirs\n",
-            name.c_str(), cases, rerun, describeGrowth(start, end).c_str(), hashes, kept.heapBytes, kept.heapBlocks,
-            bytes, blocks);
+            "[sweep] %s: %zu cases (%d rows run again); handles %+lld, threads %+lld, heap %+lld B (%+lld blocks) "
+            "besides the %lld library hashes\n",
+            name.c_str(), cases, rerun, kept.handles, kept.threads, kept.bytes, kept.blocks, kept.hashes);
         std::fflush(stdout);
         if (pass == 0) continue;
-        EXPECT_EQ(start.tlsSlots, end.tlsSlots);
-        EXPECT_LE(bytes, 16384 + kRegistryBytesPerHash * (admin::callCount("orvane_initHash") - failedHashStarts))
-            << "heap bytes the provider kept";
+        EXPECT_EQ(0, kept.tlsSlots) << "TLS slots taken for good";
+        EXPECT_LE(kept.bytes, 16384 + kRegistryBytesPerHash * libraryHashes()) << "heap bytes the provider kept";
     }
 }
 

@@ -16,7 +16,6 @@
 #include <functional>
 #include <vector>
 
-#include "softtoken/SoftTokenAdmin.h"
 #include "tests/reliability/ProcessFigures.h"
 #include "tests/support/KspHarness.h"
 #include "tests/support/ProviderSupport.h"
@@ -24,7 +23,6 @@
 #include "token/OrvaneDSCLibrary.h"
 
 using namespace orvanetest;
-namespace admin = softtoken::admin;
 
 namespace {
 
@@ -32,16 +30,13 @@ const char kSerial[] = "GROWTH-1";
 const long long kSamples = 5;
 const double kHeapBytesPer1000 = 1024;
 
-long long cycleCount() { return environmentNumber("ORVANE_GROWTH_CYCLES", longForm() ? 20000 : 1000); }
+const long long kCycles = environmentNumber("ORVANE_GROWTH_CYCLES", longForm() ? 20000 : 1000);
 
 struct Growth {
     long long cycles = 0;
     ProcessFigures first, last;
     std::vector<long long> heapSamples;
 
-    double per1000(long long ProcessFigures::*figure) const {
-        return static_cast<double>(last.*figure - first.*figure) * 1000.0 / static_cast<double>(cycles);
-    }
     // The live-heap figure least disturbed by a block that happens to be cached at one sample:
     // the smallest of the later half of the samples, against the first.
     double heapPer1000() const {
@@ -55,8 +50,9 @@ struct Growth {
 const long long kTlsSlots = 1088;
 const long long kTlsSlotsToKeep = 400;
 
-// Runs a warm-up, then `cycles` cycles in kSamples slices, measuring after each slice.
-Growth measureOnce(const char* name, long long cycles, const std::function<void()>& cycle) {
+// Runs a warm-up, then kCycles cycles in kSamples slices, measuring after each slice.
+Growth measureOnce(const char* name, const std::function<void()>& cycle) {
+    long long cycles = kCycles;
     // The second half of the warm-up tells whether every cycle takes a TLS slot.
     long long warmUp = std::max<long long>(50, cycles / 20);
     for (long long i = 0; i < warmUp; ++i) cycle();
@@ -81,12 +77,10 @@ Growth measureOnce(const char* name, long long cycles, const std::function<void(
         growth.last = measureProcess();
         growth.heapSamples.push_back(growth.last.heapBytes);
     }
-    std::printf(
-        "[growth] %-34s %lld cycles: per 1000 cycles handles %+.1f, threads %+.1f, TLS slots %+.1f, heap %+.0f B, "
-        "private %+.0f B (now %lld handles, %lld threads; heap samples",
-        name, cycles, growth.per1000(&ProcessFigures::handles), growth.per1000(&ProcessFigures::threads),
-        growth.per1000(&ProcessFigures::tlsSlots), growth.heapPer1000(), growth.per1000(&ProcessFigures::privateBytes),
-        growth.last.handles, growth.last.threads);
+    std::printf("[growth] %-34s %lld cycles: handles %+lld, threads %+lld, TLS slots %+lld, heap %+.0f B per 1000 "
+                "(heap samples",
+                name, cycles, growth.last.handles - growth.first.handles, growth.last.threads - growth.first.threads,
+                growth.last.tlsSlots - growth.first.tlsSlots, growth.heapPer1000());
     for (long long sample : growth.heapSamples) std::printf(" %lld", sample);
     std::printf(")\n");
     std::fflush(stdout);
@@ -100,11 +94,11 @@ bool grew(const Growth& growth) {
 
 // A lock that meets contention for the first time (here with the device monitor thread) gets
 // a wait event for good: growth is measured a second time, and only what comes back counts.
-Growth measureCycles(const char* name, long long cycles, const std::function<void()>& cycle) {
-    Growth growth = measureOnce(name, cycles, cycle);
+Growth measureCycles(const char* name, const std::function<void()>& cycle) {
+    Growth growth = measureOnce(name, cycle);
     if (!grew(growth)) return growth;
     std::printf("[growth] %s grew: measuring again\n", name);
-    return measureOnce(name, cycles, cycle);
+    return measureOnce(name, cycle);
 }
 
 // Nothing kept, or no more than Wine keeps in the control cycle where there is one.
@@ -133,9 +127,8 @@ std::string GrowthTest::keyId_;
 // really unloads at FreeLibrary must give back all it took; one that stays loaded must take
 // nothing more on each LoadLibrary.
 TEST_F(GrowthTest, LoadingAndFreeingTheProviderKeepsNothing) {
-    long long cycles = cycleCount();
     bool unloads = false;
-    Growth ours = measureCycles("LoadLibrary/FreeLibrary OrvaneCSP", cycles, [&] {
+    Growth ours = measureCycles("LoadLibrary/FreeLibrary OrvaneCSP", [&] {
         HMODULE module = LoadLibraryA("OrvaneCSP.dll");
         ASSERT_NE(nullptr, module);
         using GetInterface = LONG(WINAPI*)(LPCWSTR, void**, DWORD);
@@ -148,7 +141,7 @@ TEST_F(GrowthTest, LoadingAndFreeingTheProviderKeepsNothing) {
         unloads = GetModuleHandleA("OrvaneCSP.dll") == nullptr;
     });
     std::printf("[growth] FreeLibrary %s\n", unloads ? "unloads the provider" : "leaves the provider loaded");
-    Growth control = measureCycles("LoadLibrary/FreeLibrary rsaenh", cycles, [] {
+    Growth control = measureCycles("LoadLibrary/FreeLibrary rsaenh", [] {
         HMODULE module = LoadLibraryA("rsaenh.dll");
         ASSERT_NE(nullptr, module);
         FreeLibrary(module);
@@ -157,7 +150,6 @@ TEST_F(GrowthTest, LoadingAndFreeingTheProviderKeepsNothing) {
 }
 
 TEST_F(GrowthTest, AcquiringAndReleasingContextsKeepsNothing) {
-    long long cycles = cycleCount();
     auto cycleOf = [](const char* container, const char* provider, DWORD type, DWORD flags) {
         return [=] {
             HCRYPTPROV handle = 0;
@@ -165,31 +157,28 @@ TEST_F(GrowthTest, AcquiringAndReleasingContextsKeepsNothing) {
             ASSERT_TRUE(CryptReleaseContext(handle, 0));
         };
     };
-    Growth control = measureCycles("CryptAcquireContext rsaenh", cycles,
+    Growth control = measureCycles("CryptAcquireContext rsaenh",
                                    cycleOf(nullptr, MS_ENHANCED_PROV_A, PROV_RSA_FULL, CRYPT_VERIFYCONTEXT));
-    Growth ours = measureCycles("CryptAcquireContext OrvaneCSP", cycles,
+    Growth ours = measureCycles("CryptAcquireContext OrvaneCSP",
                                 cycleOf(keyId_.c_str(), kProviderName, PROV_RSA_FULL, 0));
     expectNoGrowth(ours, &control);
 }
 
 TEST_F(GrowthTest, OpeningAndFreeingKeyStorageProvidersAndKeysKeepsNothing) {
-    long long cycles = cycleCount();
-    Growth providers = measureCycles("KSP OpenProvider/FreeProvider", cycles, [] {
+    expectNoGrowth(measureCycles("KSP OpenProvider/FreeProvider", [] {
         NCRYPT_PROV_HANDLE provider = 0;
         ASSERT_EQ(0, ksp().OpenProvider(&provider, L"Orvane Cryptographic Provider CSP", 0));
         ASSERT_EQ(0, ksp().FreeProvider(provider));
-    });
-    expectNoGrowth(providers);
+    }));
 
     KspProviderHandle provider;
     ASSERT_EQ(0, provider.status());
     std::wstring name = widen(keyId_);
-    Growth keys = measureCycles("KSP OpenKey/FreeKey", cycles, [&] {
+    expectNoGrowth(measureCycles("KSP OpenKey/FreeKey", [&] {
         NCRYPT_KEY_HANDLE key = 0;
         ASSERT_EQ(0, ksp().OpenKey(provider.get(), &key, name.c_str(), 0, 0));
         ASSERT_EQ(0, ksp().FreeKey(provider.get(), key));
-    });
-    expectNoGrowth(keys);
+    }));
 }
 
 }  // namespace
