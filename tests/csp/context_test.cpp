@@ -5,10 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 
 #include "provider/csp/CspContext.h"
 #include "provider/csp/CspInterface.h"
@@ -77,13 +74,10 @@ TEST(TokenLibrary, IsLoadedOnlyFromTheProvidersFolder) {
     std::string alone = folderWith("alone", {{bin + "\\OrvaneCSP.dll", "OrvaneCSP.dll"}});
     std::string probeLog = providerLogPath();
     probeLog.replace(probeLog.find("csp_context_test.exe"), 20, "orvane-library-probe.exe");
-    std::ifstream before(probeLog, std::ios::binary);
-    std::string logBefore((std::istreambuf_iterator<char>(before)), std::istreambuf_iterator<char>());
+    std::string before = readProviderLog(probeLog);
     printed = probe("orvane-library-probe.exe", windowsPath(alone) + "\\OrvaneCSP.dll");
     EXPECT_NE(std::string::npos, printed.find("acquire 0 80090023\nopen 80090035\nlibrary none\n")) << printed;
-    std::ifstream after(probeLog, std::ios::binary);
-    std::string logAfter((std::istreambuf_iterator<char>(after)), std::istreambuf_iterator<char>());
-    std::string written = logAfter.substr(std::min(logBefore.size(), logAfter.size()));
+    std::string written = logSince(before, probeLog);
     EXPECT_NE(std::string::npos, written.find("->DEBUG ::=>CPAcquireContext\n")) << written;
     EXPECT_NE(std::string::npos, written.find("->ERROR ::=>Valid token not connected\n")) << written;
     EXPECT_NE(std::string::npos, written.find("->ERROR ::=>KSP: No valid token connected\n")) << written;

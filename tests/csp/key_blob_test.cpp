@@ -165,16 +165,10 @@ TEST_F(KeyBlobTest, WrappedKeyIsUnwrappedByTheFittingTokenKekAndStored) {
         return join({blobHeader(SYMMETRICWRAPKEYBLOB, algorithm), wrapped, dword(0)});
     };
     const Bytes value = hexToBytes(kSessionKey);
-    std::vector<OrvaneSymmetricKey> before = orvane_getAesKeyList(kWrapSerial, nullptr);
-    Bytes foreign = blobOf(CALG_AES_256, aesWrap(Bytes(32, 0x33), value));
-    HCRYPTKEY refused = 0;
-    EXPECT_TRUE(failsWith(CryptImportKey(token, foreign.data(), static_cast<DWORD>(foreign.size()), 0, 0, &refused),
-                          NTE_BAD_KEY));
-    EXPECT_EQ(before.size(), orvane_getAesKeyList(kWrapSerial, nullptr).size());
-
+    // A key no token KEK unwraps is refused with NTE_BAD_KEY: the fault sweep's unwrap rows.
     for (size_t length : {32, 16}) {
         Bytes key(value.begin(), value.begin() + length);
-        before = orvane_getAesKeyList(kWrapSerial, nullptr);
+        std::vector<OrvaneSymmetricKey> before = orvane_getAesKeyList(kWrapSerial, nullptr);
         CryptDestroyKey(token.import(blobOf(length == 32 ? CALG_AES_256 : CALG_AES_128, aesWrap(kek, key))));
         expectStoredAesKey(kWrapSerial, before, length == 32 ? ORVANE_KEY_AES_256 : ORVANE_KEY_AES_128, key);
     }

@@ -109,13 +109,13 @@ std::string providerLogPath() {
     return std::string(temp) + "/Kestrelon/" + process + "/" + date + ".LOG";
 }
 
-std::string readProviderLog() {
-    std::ifstream file(providerLogPath(), std::ios::binary);
+std::string readProviderLog(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
 }
 
-std::string logSince(const std::string& before) {
-    std::string now = readProviderLog();
+std::string logSince(const std::string& before, const std::string& path) {
+    std::string now = readProviderLog(path);
     return now.size() >= before.size() ? now.substr(before.size()) : now;
 }
 

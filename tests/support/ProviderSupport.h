@@ -18,10 +18,11 @@ extern const char kProviderName[];
 
 // Today's log file of this process, as the provider names it.
 std::string providerLogPath();
-// What the log file holds now; tests compare what grew between two reads.
-std::string readProviderLog();
+// What the log file (this process's, or another's at `path`) holds now; tests compare what
+// grew between two reads.
+std::string readProviderLog(const std::string& path = providerLogPath());
 // The text added to the log since `before` was read.
-std::string logSince(const std::string& before);
+std::string logSince(const std::string& before, const std::string& path = providerLogPath());
 
 // Sets HKLM\Software\Kestrelon\Orvane\logLevel; a negative level removes the value.
 void setLogLevel(int level);

@@ -1,5 +1,5 @@
 // The face-neutral core linked in directly: the log writer, the session table, the
-// container lookup and the certificate lookup.
+// container lookup, the certificate lookup and the wiping holders.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,6 +18,7 @@
 #include "tests/support/TestSupport.h"
 #include "token/Devices.h"
 #include "token/KeyCertificate.h"
+#include "token/SecretBytes.h"
 #include "token/Sessions.h"
 
 using namespace orvanetest;
@@ -243,7 +244,52 @@ TEST(SessionTable, PinAndDeviceStateLiveApartAndForgettingAPinCreatesNothing) {
     EXPECT_FALSE(orvane::isPinValidated(serial));
 }
 
-TEST(SecretBytes, HoldersOwnTheirTextAndTakingAStringWipesIt) {
+// An allocator under the wiping one looks at each block as it is freed, while the block is
+// still ours: every block a secret vector lets go of (when it grows, when it is destroyed or
+// moved over) must be zero by then.
+int freedBlocks = 0, freedUnwiped = 0;
+
+template <class T>
+struct WatchingAllocator : std::allocator<T> {
+    using value_type = T;
+    template <class U>
+    struct rebind {
+        using other = WatchingAllocator<U>;
+    };
+    WatchingAllocator() = default;
+    template <class U>
+    WatchingAllocator(const WatchingAllocator<U>&) noexcept {}
+    void deallocate(T* block, size_t count) {
+        const unsigned char* bytes = reinterpret_cast<const unsigned char*>(block);
+        ++freedBlocks;
+        if (std::any_of(bytes, bytes + count * sizeof(T), [](unsigned char b) { return b != 0; })) ++freedUnwiped;
+        std::allocator<T>().deallocate(block, count);
+    }
+};
+
+using Watched = std::vector<unsigned char, orvane::WipingAllocator<unsigned char, WatchingAllocator<unsigned char>>>;
+
+TEST(SecretMemory, EveryBlockIsWipedBeforeItIsFreed) {
+    struct Record {
+        unsigned char keyData[32];
+        int length;
+    };
+    freedBlocks = freedUnwiped = 0;
+    {
+        Watched key;
+        for (int i = 0; i < 100; ++i) key.push_back(0xA5);  // grows several times
+        Watched other(64, 0x5A);
+        other = std::move(key);  // other's own block goes
+        Watched copy(other);
+        // Records wider than a byte: every byte of each one is wiped, not only the first count.
+        std::vector<Record, orvane::WipingAllocator<Record, WatchingAllocator<Record>>> records(3, Record{{1, 2, 3}, 3});
+        records.push_back(Record{{4}, 1});
+    }
+    EXPECT_GT(freedBlocks, 6);
+    EXPECT_EQ(0, freedUnwiped);
+}
+
+TEST(SecretBytes, HoldersOwnTheirTextAndTakingAStringOrVectorEmptiesIt) {
     std::string typed = "a PIN longer than the short-string buffer";
     const std::string expected = typed;
     orvane::SecretBytes held(std::move(typed));
@@ -258,6 +304,11 @@ TEST(SecretBytes, HoldersOwnTheirTextAndTakingAStringWipesIt) {
     EXPECT_TRUE(copy.empty());
     EXPECT_STREQ("", copy.c_str());
     EXPECT_EQ(expected, moved.c_str());
+
+    std::vector<unsigned char> plain(16, 0x11);
+    orvane::SecretBuffer secret = orvane::takeSecret(std::move(plain));
+    EXPECT_EQ(orvane::SecretBuffer(16, 0x11), secret);
+    EXPECT_TRUE(plain.empty());
 }
 
 TEST(KeyCertificateLookup, LabelOrLinkFirstAndThePublicKeyOnlyWhenAsked) {
