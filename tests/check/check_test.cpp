@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -51,10 +52,8 @@ std::string lineOf(const std::string& text, const std::string& step, const std::
 
 // The key or container a report line is about: its 32-digit hex name.
 std::string keyNameIn(const std::string& line) {
-    std::istringstream words(line);
-    for (std::string word; words >> word;)
-        if (word.size() == 32 && word.find_first_not_of("0123456789ABCDEF") == std::string::npos) return word;
-    return "";
+    std::smatch name;
+    return std::regex_search(line, name, std::regex("\\b[0-9A-F]{32}\\b")) ? name.str() : "";
 }
 
 bool starts(const std::string& line, const std::string& outcome) {
@@ -211,18 +210,10 @@ TEST_F(OrvaneCheck, TriesAWrongPinOnceAndSignsNothing) {
     EXPECT_EQ(kRetries - 1, orvane_getTokenInfo(kSerial, nullptr).pinRetriesLeft);
 }
 
-TEST_F(OrvaneCheck, ReportsTokenOperationsThatFail) {
-    // Faults armed here live in the token's store, so the tool's process meets them too.
-    ASSERT_EQ(0, admin::injectFault("orvane_signHash", 100, 8));
-    CheckRun signing = runCheck("--pin-stdin", kPinLine);
-    EXPECT_EQ(1, signing.exitCode) << signing.output;
-    for (const std::string& key : {rsa_, ec_}) {
-        EXPECT_TRUE(reports(signing.section("CryptoAPI"), "CryptSignHash", key, "FAIL", "0x8009001D NTE_PROVIDER_DLL_FAIL: "));
-        EXPECT_TRUE(reports(signing.section("Key storage provider"), "KSPSignHash", key, "FAIL", "0x8009002D NTE_INTERNAL_ERROR: "));
-    }
-    ASSERT_EQ(0, admin::clearFaults());
-
-    // The provider's own verification failing is told apart from a bad signature.
+// The codes of failing token operations are the fault sweep's; here, the provider's own
+// verification failing is told apart from a bad signature. Faults armed here live in the
+// token's store, so the tool's process meets them too.
+TEST_F(OrvaneCheck, ReportsTheProvidersOwnVerificationFailingApartFromABadSignature) {
     ASSERT_EQ(0, admin::injectFault("orvane_verifySignatureHash", 100, 9));
     CheckRun verifying = runCheck("--pin-stdin", kPinLine);
     EXPECT_EQ(1, verifying.exitCode) << verifying.output;

@@ -94,8 +94,7 @@ TEST(CspAcquireContext, ChoosesTheTokenThatHoldsTheContainer) {
     useFreshStore("choose");
     for (const char* serial : {"CHOOSE-A", "CHOOSE-B", "CHOOSE-EMPTY"}) addToken(serial, false);
     std::string a1 = newKeyPair("CHOOSE-A", 5), a2 = newKeyPair("CHOOSE-A", 5), b1 = newKeyPair("CHOOSE-B", 5);
-    std::string lowerB1 = b1;
-    for (char& c : lowerB1) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    std::string lowerB1 = lowerCase(b1);
 
     CspContext* context = acquireDirect(nullptr);
     ASSERT_NE(nullptr, context);

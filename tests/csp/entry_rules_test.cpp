@@ -128,11 +128,9 @@ TEST_F(CspEntryRules, LongDigestsHaveNoReportableSizeAndDuplicatesStartEmpty) {
 
 TEST_F(CspEntryRules, UserKeysAndKeyParameters) {
     HCRYPTKEY key = 0;
-    std::string lower = keyId_;
-    for (char& c : lower) c = static_cast<char>(tolower(c));
-    HCRYPTPROV lowerCase = open(lower.c_str());
-    EXPECT_TRUE(failsWith(CPGetUserKey(lowerCase, AT_SIGNATURE, &key), NTE_BAD_KEY)) << "names compare exactly here";
-    CPReleaseContext(lowerCase, 0);
+    HCRYPTPROV lowerCased = open(lowerCase(keyId_).c_str());
+    EXPECT_TRUE(failsWith(CPGetUserKey(lowerCased, AT_SIGNATURE, &key), NTE_BAD_KEY)) << "names compare exactly here";
+    CPReleaseContext(lowerCased, 0);
 
     for (auto [keySpec, algorithm] : {std::pair<DWORD, DWORD>{AT_SIGNATURE, CALG_RSA_SIGN}, {AT_KEYEXCHANGE, CALG_RSA_KEYX}}) {
         ASSERT_TRUE(CPGetUserKey(provider_, keySpec, &key)) << "usage 3 serves both";

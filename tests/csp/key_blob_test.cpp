@@ -53,8 +53,8 @@ protected:
 ProvisionedKey KeyBlobTest::rsa2048_;
 std::string KeyBlobTest::rsa1024_, KeyBlobTest::wrapContainer_;
 
-TEST_F(KeyBlobTest, ExportedPublicKeyServesWinesOwnProvider) {
-    ContextHandle token(rsa2048_.keyId), wine;
+TEST_F(KeyBlobTest, ExportedPublicKeyAnswersTheSizeProtocolAndOnlyAsAPublicKeyBlob) {
+    ContextHandle token(rsa2048_.keyId);
     HCRYPTKEY signing = token.userKey(AT_SIGNATURE);
     DWORD size = 0;
     ASSERT_TRUE(CryptExportKey(signing, 0, PUBLICKEYBLOB, 0, nullptr, &size));
@@ -68,14 +68,7 @@ TEST_F(KeyBlobTest, ExportedPublicKeyServesWinesOwnProvider) {
     EXPECT_EQ(toHex(join({blobHeader(PUBLICKEYBLOB, CALG_RSA_SIGN), dword(kRsa1), dword(2048), dword(65537)})),
               toHex(blob.data(), 20));
 
-    const std::string message = "exported keys verify elsewhere";
-    // Wine's provider of this type has no SHA-2.
-    Bytes signature = token.sign(CALG_SHA1, message);
-    HCRYPTKEY verifying = wine.import(blob);
-    EXPECT_TRUE(wine.verify(CALG_SHA1, message, signature, verifying)) << std::hex << GetLastError();
-    signature[100] ^= 0x01;
-    EXPECT_TRUE(failsWith(wine.verify(CALG_SHA1, message, signature, verifying), NTE_BAD_SIGNATURE));
-    CryptDestroyKey(verifying);
+    // Wine's rsaenh verifying a token signature with this blob is orvane-check's step (check_test).
     HCRYPTKEY exchange = token.userKey(AT_KEYEXCHANGE);
     EXPECT_EQ(toHex(blobHeader(PUBLICKEYBLOB, CALG_RSA_KEYX)), toHex(exportPublicKeyBlob(exchange).data(), 8));
     CryptDestroyKey(exchange);
@@ -143,12 +136,8 @@ TEST_F(KeyBlobTest, SessionKeyEncryptedByOpenSslImportsInEitherByteOrder) {
 TEST_F(KeyBlobTest, PlaintextAesKeyIsStoredOnTheToken) {
     const Bytes value = hexToBytes("000102030405060708090A0B0C0D0E0F101112131415161718191A1B1C1D1E1F");
     std::vector<OrvaneSymmetricKey> before = orvane_getAesKeyList(kSerial, nullptr);
+    // Other algorithms are refused with NTE_BAD_ALGID: the malformed-blob table below.
     ContextHandle token(rsa2048_.keyId);
-    HCRYPTKEY refused = 0;
-    Bytes des = join({blobHeader(PLAINTEXTKEYBLOB, CALG_3DES), dword(32), value});
-    EXPECT_TRUE(failsWith(CryptImportKey(token, des.data(), static_cast<DWORD>(des.size()), 0, 0, &refused), NTE_BAD_ALGID));
-    EXPECT_EQ(before.size(), orvane_getAesKeyList(kSerial, nullptr).size());
-
     CryptDestroyKey(token.import(join({blobHeader(PLAINTEXTKEYBLOB, CALG_AES_256), dword(32), value})));
     expectStoredAesKey(kSerial, before, ORVANE_KEY_AES_256, value);
 }

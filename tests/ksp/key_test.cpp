@@ -101,10 +101,8 @@ TEST_F(KspKeys, OpensOnlyAnExactHexNameAndEnumeratesItsToken) {
               enumerate(p_));
 
     SECURITY_STATUS status = 0;
-    std::string lower = alpha_;
-    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
     std::string before = readProviderLog();
-    for (const std::string& name : {lower, std::string("alpha"), std::string(""), captured_, std::string("AB\r\nCD")}) {
+    for (const std::string& name : {lowerCase(alpha_), std::string("alpha"), std::string(""), captured_, std::string("AB\r\nCD")}) {
         EXPECT_EQ(0u, openKspKey(p_, name, AT_SIGNATURE, &status)) << name;
         EXPECT_EQ(NTE_NO_KEY, status) << name;
     }

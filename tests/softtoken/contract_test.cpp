@@ -161,19 +161,6 @@ TEST_F(SoftTokenTest, EncryptsUpToEachPaddingsLimit) {
     }
 }
 
-TEST_F(SoftTokenTest, RecordsTheArgumentsOfTheLatestCallEvenWhenAFaultAnswers) {
-    // The arguments of calls that succeed are checked wherever the face suites read them.
-    using Recorded = std::map<std::string, long long>;
-    EXPECT_EQ(Recorded{}, admin::lastArguments("orvane_neverCalled"));
-    ASSERT_EQ(0, admin::injectFault("orvane_signHash", 1, 49));
-    Bytes digest(32, 0x42), signature(512);
-    int length = 512;
-    EXPECT_EQ(49, orvane_signHash(kSerial, key("p256").keyId.data(), kPin, digest.data(), 32, signature.data(), &length,
-                                  true, nullptr));
-    EXPECT_EQ((Recorded{{"flag", 1}, {"hashLength", 32}, {"signatureCapacity", 512}}),
-              admin::lastArguments("orvane_signHash"));
-}
-
 TEST_F(SoftTokenTest, HashHandlesStayUsableAfterADigest) {
     const std::string abc = "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD";
     // NIST's two-block message: "abc" followed by the rest of it.

@@ -205,9 +205,8 @@ void expectNowhereInClear(const std::string& folder, const std::map<std::string,
         Bytes bytes = readFile(folder + "/" + found.cFileName);
         std::string content(bytes.begin(), bytes.end());
         for (const auto& [what, secret] : secrets) {
-            std::string hex = orvane::toHex(secret), lower = hex;
-            for (char& c : lower) c = static_cast<char>(std::tolower(c));
-            for (const std::string& form : {std::string(secret.begin(), secret.end()), hex, lower})
+            std::string hex = orvane::toHex(secret);
+            for (const std::string& form : {std::string(secret.begin(), secret.end()), hex, lowerCase(hex)})
                 EXPECT_EQ(std::string::npos, content.find(form)) << what << " in " << found.cFileName;
         }
     } while (FindNextFileA(search, &found));

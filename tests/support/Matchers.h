@@ -9,21 +9,15 @@
 
 namespace orvanetest {
 
-inline ::testing::AssertionResult failsWith(BOOL result, DWORD expected) {
-    DWORD error = GetLastError();
+// Any code type (DWORD, HRESULT, a plain int) is compared as the DWORD GetLastError answers.
+template <typename Code>
+::testing::AssertionResult failsWith(BOOL result, Code expectedCode) {
+    DWORD error = GetLastError(), expected = static_cast<DWORD>(expectedCode);
     if (!result && error == expected) return ::testing::AssertionSuccess();
     char text[96];
     std::snprintf(text, sizeof text, "result %d, last error 0x%lX, expected 0x%lX", static_cast<int>(result),
                   static_cast<unsigned long>(error), static_cast<unsigned long>(expected));
     return ::testing::AssertionFailure() << text;
-}
-
-inline ::testing::AssertionResult failsWith(BOOL result, HRESULT expected) {
-    return failsWith(result, static_cast<DWORD>(expected));
-}
-
-inline ::testing::AssertionResult failsWith(BOOL result, int expected) {
-    return failsWith(result, static_cast<DWORD>(expected));
 }
 
 }  // namespace orvanetest

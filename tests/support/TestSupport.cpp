@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <cctype>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -39,7 +40,6 @@ bool exists(const std::string& unixPath) {
 }
 
 void makeFolders(const std::string& unixPath) {
-    std::string path;
     for (size_t i = 1; i <= unixPath.size(); ++i)
         if (i == unixPath.size() || unixPath[i] == '/') CreateDirectoryA(windowsPath(unixPath.substr(0, i)).c_str(), nullptr);
 }
@@ -78,6 +78,11 @@ Bytes readFile(const std::string& unixPath) {
 
 Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }
 
+std::string lowerCase(std::string text) {
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
 HostResult runHost(const std::string& script) {
     static std::atomic<int> counter{0};
     std::string stem = workDir() + "/host-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++counter);
@@ -104,22 +109,10 @@ HostResult runHost(const std::string& script) {
 }
 
 int runTool(const std::string& arguments, const std::string& input) {
-    if (input.empty())
-        return runCommand("\"" + windowsPath(environment("ORVANE_BIN")) + "\\orvane-token.exe\" " + arguments);
     static int runs = 0;
     std::string stem = workDir() + "/tool-" + std::to_string(++runs);
-    writeText(stem + ".in", input);
-    return finish(startProgram("orvane-token.exe", arguments, stem + ".out", stem + ".in"));
-}
-
-int runCommand(const std::string& commandLine) {
-    std::string command = commandLine;
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (!CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) return -1;
-    CloseHandle(process.hThread);
-    return finish(process.hProcess);
+    if (!input.empty()) writeText(stem + ".in", input);
+    return finish(startProgram("orvane-token.exe", arguments, stem + ".out", input.empty() ? "" : stem + ".in"));
 }
 
 void* startProgram(const std::string& program, const std::string& arguments, const std::string& outputFile,

@@ -17,6 +17,8 @@ void writeFile(const std::string& unixPath, const Bytes& bytes);
 void writeText(const std::string& unixPath, const std::string& text);
 Bytes readFile(const std::string& unixPath);
 Bytes bytesOf(const std::string& text);
+// A key id's hex name in lower case, as a caller may spell it.
+std::string lowerCase(std::string text);
 
 struct HostResult {
     int exitCode = -1;
@@ -26,8 +28,6 @@ struct HostResult {
 // children or pass their exit codes, so the script reports through files that we poll.
 HostResult runHost(const std::string& script);
 
-// Runs a Windows command line as a separate process and returns its exit code (-1: it did not start).
-int runCommand(const std::string& commandLine);
 // Runs the provisioning tool as a separate Windows process, with input (a PIN line for
 // --pin-stdin) on its standard input when given, and returns its exit code.
 int runTool(const std::string& arguments, const std::string& input = "");

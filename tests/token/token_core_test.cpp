@@ -203,12 +203,11 @@ TEST(ContainerLookup, FindsTheTokenHoldingTheKeyAndFallsBackToTheFirst) {
     ASSERT_EQ(0, admin::createToken("LOOK-B", "B", "1234", 5));
     ASSERT_EQ(0, admin::generateKeyPair("LOOK-A", 5, "a", 3, 0, onFirst));
     ASSERT_EQ(0, admin::generateKeyPair("LOOK-B", 5, "b", 3, 0, onSecond));
-    std::string lowerCase = onSecond;
-    for (char& c : lowerCase) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
 
+    const std::string lower = lowerCase(onSecond);
     EXPECT_EQ("LOOK-B", orvane::findSerialForContainer(onSecond));
-    EXPECT_EQ("LOOK-B", orvane::findSerialForContainer(lowerCase));
-    EXPECT_EQ("LOOK-B", orvane::findSerialForContainer(std::wstring(lowerCase.begin(), lowerCase.end())));
+    EXPECT_EQ("LOOK-B", orvane::findSerialForContainer(lower));
+    EXPECT_EQ("LOOK-B", orvane::findSerialForContainer(std::wstring(lower.begin(), lower.end())));
     EXPECT_EQ("LOOK-A", orvane::findSerialForContainer(onFirst));
     EXPECT_EQ("LOOK-A", orvane::findSerialForContainer(std::string("FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF")));
     EXPECT_EQ("LOOK-A", orvane::findSerialForContainer(std::string()));
